@@ -1,0 +1,32 @@
+// Who is at the console, and who logged in last: read from logind where it
+// runs, else from the utmp and wtmp login records.
+#pragma once
+
+#include <optional>
+#include <string>
+
+struct ConsoleUser {
+  std::string name;
+  int uid = -1;
+  int gid = -1;
+};
+
+class LoginRecords {
+ public:
+  // logind's seat folder exists only where systemd-logind runs.
+  static std::optional<ConsoleUser> findConsoleUser(const std::string& seatsDir,
+                                                    const std::string& utmpPath);
+
+  // The active session of seat0.
+  static std::optional<ConsoleUser> consoleUserFromLogind();
+
+  // The newest user session in utmp on a console line: a virtual terminal
+  // (tty1..tty63) or an X display (":N").
+  static std::optional<ConsoleUser> consoleUserFromUtmp(const std::string& utmpPath);
+
+  // The user of the newest log-in in wtmp, or "" when there is none. Among
+  // equal times the first wins.
+  static std::string lastLogin(const std::string& wtmpPath);
+
+  static bool isConsoleLine(const std::string& line);
+};

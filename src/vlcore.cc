@@ -1,0 +1,72 @@
+#include "vlcore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <sstream>
+#include <system_error>
+
+#include "prefs.h"
+#include "unique_fd.h"
+#include "vllog.h"
+
+VLCore::VLCore(std::string pidFile) : pidFile_(std::move(pidFile)) {}
+
+int VLCore::init() {
+  if (Log->init() != 0) return -1;
+  Log->LogMessage("Varlo Core Initializing");
+  char version[200] = {};
+  std::snprintf(version, sizeof version, "Varlo Version: %d.%d.%d", 5, 6, 0);
+  Log->LogMessage(version);
+
+  Prefs->init();
+
+  Log->LogMessage("Creating Pid File");
+  createPidFile(static_cast<int>(getpid()));
+  return 0;
+}
+
+VLCore::~VLCore() {
+  Log->LogMessage("Varlo Shutting Down");
+  Log->LogMessage("Notifying network thread of exit");
+  Log->LogMessage("Notifying foreman thread of exit");
+  Log->LogMessage("Waiting for threads to shut down");
+  int n = 1;
+  for (std::thread& thread : threads_) {
+    Log->LogMessage("Waiting for thread " + std::to_string(n));
+    int result = 0;
+    try {
+      thread.join();
+    } catch (const std::system_error& e) {
+      result = e.code().value();
+    }
+    std::stringstream line;
+    line << "Thread " << n << " shut down.  Returned: " << result;
+    Log->LogMessage(line);
+    ++n;
+  }
+  threads_.clear();
+  Log->LogMessage("Main thread: Cleaning up memory");
+  Log->LogMessage("Deleting Pid File");
+  deletePidFile();
+  Log->LogMessage("Shutdown completed");
+}
+
+void VLCore::createPidFile(int pid) {
+  UniqueFd fd(open(pidFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  const std::string text = std::to_string(pid);
+  if (!fd.valid() || write(fd.get(), text.data(), text.size()) != ssize_t(text.size())) {
+    Log->LogMessage("Unable to create pid file!");
+    return;
+  }
+  Log->LogMessage("Pid File created successfully");
+}
+
+void VLCore::deletePidFile() {
+  struct stat st{};
+  if (stat(pidFile_.c_str(), &st) != 0) Log->LogMessage("Could not find pid file!");
+  unlink(pidFile_.c_str());
+  Log->LogMessage("Pid File removed");
+}
