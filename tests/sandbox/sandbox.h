@@ -1,0 +1,95 @@
+// A throw-away host for end-to-end tests: private mount, network, UTS, IPC
+// and PID namespaces, rooted in a tmpfs with the host's /usr, /etc and
+// /var/lib/dpkg bound read-only, fresh /proc and /sys, and empty /tmp, /run,
+// /var/log, /var/lib, /var/tmp, /home and /root. Whatever runs inside writes
+// only to tmpfs, and everything inside dies with the sandbox.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace sandbox {
+
+struct Options {
+  // Host paths made visible, read-only, at the same place inside (the build
+  // tree, fixtures).
+  std::vector<std::string> readOnlyBinds;
+};
+
+// A process started inside the sandbox. Its standard output and error are
+// collected; the destructor kills it if it still runs.
+class Process {
+ public:
+  Process() = default;
+  Process(pid_t pid, int outFd);
+  ~Process();
+  Process(Process&& other) noexcept;
+  Process& operator=(Process&& other) noexcept;
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool running() const { return pid_ > 0 && !status_; }
+  void signal(int sig) const;
+  // The raw wait status, or nothing if it has not ended within the timeout.
+  std::optional<int> wait(std::chrono::milliseconds timeout);
+  // Exit code (or 128 + signal) once ended.
+  std::optional<int> exitCode() const;
+  // Everything written to standard output and error so far.
+  std::string output();
+
+ private:
+  void reset();
+  pid_t pid_ = -1;
+  std::optional<int> status_;
+  int outFd_ = -1;
+  std::string output_;
+};
+
+class Sandbox {
+ public:
+  explicit Sandbox(Options options = {});
+  ~Sandbox();
+  Sandbox(const Sandbox&) = delete;
+  Sandbox& operator=(const Sandbox&) = delete;
+
+  // False when the namespaces or mounts were refused; error() says why.
+  bool ok() const { return init_ > 0; }
+  const std::string& error() const { return error_; }
+
+  // Where a path inside the sandbox can be read and written from the test.
+  std::string hostPath(const std::string& inside) const;
+
+  // Starts argv[0] (an absolute path inside) as root in / with a plain
+  // environment plus extraEnv ("NAME=value").
+  Process spawn(const std::vector<std::string>& argv,
+                const std::vector<std::string>& extraEnv = {}) const;
+
+  // Runs to the end; nothing when it outlives the timeout (it is then killed).
+  struct Result {
+    int exitCode;
+    std::string output;
+  };
+  std::optional<Result> run(const std::vector<std::string>& argv,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+ private:
+  pid_t init_ = -1;    // pid 1 of the sandbox, as the host sees it
+  pid_t holder_ = -1;  // its parent in the host namespace
+  std::string stage_;  // host folder the root is mounted on (empty on the host)
+  std::string error_;
+};
+
+// Polls cond every 10 ms until it holds or the timeout passes.
+bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds timeout);
+
+// Whole file, or nothing if it cannot be read.
+std::optional<std::string> readFile(const std::string& path);
+
+}  // namespace sandbox
