@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "varlo/coding.h"
@@ -108,6 +109,42 @@ struct varlo_manage {
     ReplyPrefix{0, success, true, 0}.encodeInto(r);
     if (!message.empty()) putPString<Message>(r, message);
     return r;
+  }
+};
+
+}  // namespace varlo
+
+namespace varlo {
+
+// Fixed sizes of the reply records that a password rejection may take the
+// shape of; their fields belong to the commands that fill them.
+inline constexpr std::size_t kConfigRecordSize = 1272;
+inline constexpr std::size_t kNetRecordSize = 104;
+inline constexpr std::size_t kScsiRecordSize = 224;
+inline constexpr std::size_t kShutdownRecordSize = 268;
+inline constexpr std::size_t kExtensionsRecordSize = 34;
+
+// One stored note, both directions.
+struct varlo_note {
+  static constexpr std::size_t kSize = 260;
+  static constexpr int kCount = 10;  // the console always exchanges ten
+  using Bytes = WireRecord<kSize>;
+  using Index = Field<0, 4>;
+  using Text = Field<4, 256>;
+  static_assert(Text::end == kSize);
+
+  std::uint32_t index = 0;
+  std::string text;
+
+  Bytes encode() const {
+    Bytes r{};
+    put32<Index>(r, index);
+    putPString<Text>(r, text);
+    return r;
+  }
+
+  static varlo_note decode(const Bytes& r) {
+    return varlo_note{get32<Index>(r), std::string(getPString<Text>(r))};
   }
 };
 
