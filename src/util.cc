@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -108,6 +109,20 @@ void Util::convertVersiontoLong(const std::string& v, unsigned long& out) {
 
   // 16-bit fields 8 bits apart, unmasked: a field above 255 spills into the next.
   out = ((static_cast<unsigned long>(major) << 8 | minor) << 8) | patch;
+}
+
+int Util::isValidIP(unsigned long ip) {
+  static constexpr unsigned long kMasks[] = {0x00000000, 0x7F000001, 0x00FFFFFF};
+  for (const unsigned long mask : kMasks) {
+    if ((ip | mask) == mask) return 0;
+  }
+  return 1;
+}
+
+void Util::formatEthAddr(const unsigned char* addr, char* out) {
+  if (addr == nullptr || out == nullptr) return;
+  std::snprintf(out, 18, "%02x:%02x:%02x:%02x:%02x:%02x", addr[0], addr[1], addr[2], addr[3],
+                addr[4], addr[5]);
 }
 
 void Util::CtoPString(const char* src, char* dst, int max) {

@@ -59,6 +59,14 @@ class Util {
   static void getLinuxVersion(std::string& version, std::string& distro,
                               const std::string& versionFile = "/proc/version");
 
+  // 1 if the IPv4 address (host order, 192.0.2.1 == 0xC0000201) may be
+  // reported, 0 if not. A bit-subset test against each mask, not equality,
+  // so 1.0.0.0 and 126.0.0.1 are refused along with 127.0.0.1.
+  static int isValidIP(unsigned long ip);
+
+  // "xx:xx:xx:xx:xx:xx" from six bytes; out holds 18. Null pointers: nothing.
+  static void formatEthAddr(const unsigned char* addr, char* out);
+
   // Empties a string stream and resets its state, for reuse.
   static void clearStream(std::stringstream& s);
 

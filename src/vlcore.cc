@@ -10,6 +10,9 @@
 
 #include "prefs.h"
 #include "unique_fd.h"
+#include "vlbuffer.h"
+#include "vlforeman.h"
+#include "vlnetwork.h"
 #include "vllog.h"
 
 VLCore::VLCore(std::string pidFile) : pidFile_(std::move(pidFile)) {}
@@ -23,6 +26,25 @@ int VLCore::init() {
 
   Prefs->init();
 
+  network_ = std::make_unique<VLNetwork>(sharedBuffer);
+  const int result = network_->init();
+  if (result < 0) return result;
+  try {
+    threads_.emplace_back(&VLNetwork::run, network_.get());
+  } catch (const std::system_error& e) {
+    Log->LogMessage("Unable to create network thread.  Error: " + std::to_string(e.code().value()));
+    return e.code().value();
+  }
+
+  foreman_ = std::make_unique<VLForeman>(sharedBuffer);
+  try {
+    threads_.emplace_back(&VLForeman::run, foreman_.get());
+  } catch (const std::system_error& e) {
+    Log->LogMessage("Unable to create command processor thread.  Error: " +
+                    std::to_string(e.code().value()));
+    return e.code().value();
+  }
+
   Log->LogMessage("Creating Pid File");
   createPidFile(static_cast<int>(getpid()));
   return 0;
@@ -31,7 +53,9 @@ int VLCore::init() {
 VLCore::~VLCore() {
   Log->LogMessage("Varlo Shutting Down");
   Log->LogMessage("Notifying network thread of exit");
+  if (network_) network_->exit();
   Log->LogMessage("Notifying foreman thread of exit");
+  if (foreman_) foreman_->exit();
   Log->LogMessage("Waiting for threads to shut down");
   int n = 1;
   for (std::thread& thread : threads_) {
@@ -49,6 +73,8 @@ VLCore::~VLCore() {
   }
   threads_.clear();
   Log->LogMessage("Main thread: Cleaning up memory");
+  network_.reset();
+  foreman_.reset();
   Log->LogMessage("Deleting Pid File");
   deletePidFile();
   Log->LogMessage("Shutdown completed");

@@ -2,11 +2,15 @@
 // worker threads and the pid file, torn down in a fixed, logged order.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "host_paths.h"
+
+class VLForeman;
+class VLNetwork;
 
 class VLCore {
  public:
@@ -23,6 +27,8 @@ class VLCore {
 
  private:
   std::string pidFile_;
+  std::unique_ptr<VLNetwork> network_;
+  std::unique_ptr<VLForeman> foreman_;
   // In creation order, so shutdown joins them in the order they started.
   std::vector<std::thread> threads_;
 };

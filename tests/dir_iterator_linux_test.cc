@@ -8,8 +8,8 @@
 #include <sstream>
 #include <vector>
 
+#include "test_support.h"
 #include "util.h"
-#include "vllog.h"
 
 namespace fs = std::filesystem;
 
@@ -135,19 +135,10 @@ TEST(DirIteratorClose, DestroysOthersOnly) {
 
 TEST_F(DirTree, UsersRootDirOpensHomesOrLogs) {
   fs::create_directories(root + "/home/alice");
-  VLLog testLog(root, root);
-  ASSERT_EQ(testLog.init(), 0);
-  struct LogSwap {
-    VLLog* saved = Log;
-    explicit LogSwap(VLLog* l) { Log = l; }
-    ~LogSwap() { Log = saved; }
-  } swap(&testLog);
-
+  test_support::LogCapture log;
   CDirIteratorLinux homes, none;
   EXPECT_EQ(getUsersRootDir(homes, root + "/home"), 1);
   EXPECT_EQ(dirs(homes), Paths{root + "/home/alice"});
   EXPECT_EQ(getUsersRootDir(none, root + "/nohome"), 0);
-  std::stringstream text;
-  text << std::ifstream(testLog.path()).rdbuf();
-  EXPECT_NE(text.str().find("Failed to open user directory."), std::string::npos);
+  EXPECT_TRUE(log.contains("Failed to open user directory."));
 }

@@ -9,6 +9,9 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "vllog.h"
 
 namespace test_support {
 
@@ -36,5 +39,39 @@ inline std::optional<std::string> slurp(const std::string& path) {
 inline void spit(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
+
+// Points the process-wide log at a file of the test's own for its lifetime.
+class LogCapture {
+ public:
+  LogCapture() : log_(dir_.path, dir_.path), saved_(Log) {
+    EXPECT_EQ(log_.init(), 0);
+    Log = &log_;
+  }
+  ~LogCapture() { Log = saved_; }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  // The message texts so far, without their time stamps.
+  std::vector<std::string> messages() const {
+    std::vector<std::string> out;
+    std::istringstream lines(slurp(log_.path()).value_or(""));
+    for (std::string line; std::getline(lines, line);) {
+      const auto sep = line.find(":   ");
+      out.push_back(sep == std::string::npos ? line : line.substr(sep + 4));
+    }
+    return out;
+  }
+
+  bool contains(const std::string& message) const {
+    for (const auto& m : messages())
+      if (m == message) return true;
+    return false;
+  }
+
+ private:
+  TempDir dir_;
+  VLLog log_;
+  VLLog* saved_;
+};
 
 }  // namespace test_support

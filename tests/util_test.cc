@@ -164,3 +164,24 @@ TEST(UtilLinuxVersion, Banners) {
   EXPECT_EQ(thrownBy([&] { Util::getLinuxVersion(version, distro, t / "no"); }),
             "Could not open /proc/version.  Error: " + std::to_string(ENOENT));
 }
+
+TEST(UtilNet, IsValidIPIsABitSubsetTestAndFormatEthAddr) {
+  // Refused whenever every bit of the address lies within one of the masks.
+  for (unsigned long refused : {0x00000000ul, 0x7F000001ul, 0x00FFFFFFul, 0x00000001ul,
+                                0x01000000ul, 0x7E000001ul, 0x0A000001ul, 0x7F000000ul}) {
+    EXPECT_EQ(Util::isValidIP(refused), 0) << std::hex << refused;
+  }
+  for (unsigned long passed : {0x0A000002ul, 0x7F000101ul, 0x7F000002ul, 0x80000000ul,
+                               0xC0000201ul, 0x01000100ul, 0xFFFFFFFFul}) {
+    EXPECT_EQ(Util::isValidIP(passed), 1) << std::hex << passed;
+  }
+
+  const unsigned char mac[6] = {0x02, 0xfc, 0x00, 0xab, 0x0f, 0xff};
+  char out[20];
+  std::memset(out, '#', sizeof out);
+  Util::formatEthAddr(mac, out);
+  EXPECT_EQ(std::string(out, 19), std::string("02:fc:00:ab:0f:ff\0#", 19));
+  Util::formatEthAddr(nullptr, out);
+  Util::formatEthAddr(mac, nullptr);
+  EXPECT_EQ(out[0], '0');
+}

@@ -6,6 +6,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <iterator>
 #include <regex>
 
 #include <gmock/gmock.h>
@@ -29,12 +30,51 @@ std::vector<std::string> startupLines() {
           }() + " architecture."};
 }
 
+// The main thread's lines of an idle agent's shutdown, in order.
 const std::vector<std::string> kShutdownLines = {
-    "Received SIGTERM or SIGQUIT signal", "Varlo Shutting Down",
-    "Notifying network thread of exit",   "Notifying foreman thread of exit",
-    "Waiting for threads to shut down",   "Main thread: Cleaning up memory",
-    "Deleting Pid File",                  "Pid File removed",
-    "Shutdown completed",                 "Closing Log"};
+    "Received SIGTERM or SIGQUIT signal",
+    "Varlo Shutting Down",
+    "Notifying network thread of exit",
+    "Notifying foreman thread of exit",
+    "Waiting for threads to shut down",
+    "Waiting for thread 1",
+    "Thread 1 shut down.  Returned: 0",
+    "Waiting for thread 2",
+    "Thread 2 shut down.  Returned: 0",
+    "Main thread: Cleaning up memory",
+    "Networking shutting down",
+    "Closing network sockets",
+    "Successfully closed probe socket",
+    "Successfully closed tcp socket",
+    "Foreman: Notifying workers of quitting time",
+    "0 threads need to close",
+    "Foreman exiting",
+    "Deleting Pid File",
+    "Pid File removed",
+    "Shutdown completed",
+    "Closing Log"};
+
+// Lines the network and foreman threads write while the main thread goes on.
+const std::vector<std::string> kThreadLines = {
+    "Network Thread: Starting main loop", "Foreman going to work",
+    "Network thread: exit flag set", "Foreman Thread Finished"};
+
+bool isThreadLine(const std::string& m) {
+  return std::find(kThreadLines.begin(), kThreadLines.end(), m) != kThreadLines.end();
+}
+
+std::vector<std::string> mainThreadLines(const std::vector<std::string>& messages) {
+  std::vector<std::string> out;
+  std::copy_if(messages.begin(), messages.end(), std::back_inserter(out),
+               [](const std::string& m) { return !isThreadLine(m); });
+  return out;
+}
+
+// Where a line stands in the log, or -1.
+long positionOf(const std::vector<std::string>& messages, const std::string& m) {
+  const auto it = std::find(messages.begin(), messages.end(), m);
+  return it == messages.end() ? -1 : it - messages.begin();
+}
 
 // A link of /proc as the sandbox itself sees it.
 std::string linkInside(Sandbox& box, const std::string& link) {
@@ -63,22 +103,35 @@ TEST_F(AgentTest, ForegroundRunLogsStartupAndWholeShutdownAndRemovesPidFile) {
   for (std::string line; std::getline(lines, line);)
     EXPECT_TRUE(std::regex_match(line, stamped)) << line;
 
-  std::vector<std::string> messages = messagesOf(text);
+  std::vector<std::string> messages = mainThreadLines(messagesOf(text));
   const auto expectedStart = startupLines();
-  ASSERT_GE(messages.size(), expectedStart.size() + 3);
+  ASSERT_GE(messages.size(), expectedStart.size() + 6);
   EXPECT_THAT(std::vector<std::string>(messages.begin(), messages.begin() + 4),
               ElementsAreArray(expectedStart));
-  // No preferences yet, so nothing to read; then the pid file, last.
-  EXPECT_NE(std::find(messages.begin(), messages.end(), "Could not open preferences file"),
-            messages.end());
-  EXPECT_THAT(std::vector<std::string>(messages.end() - 2, messages.end()),
-              ElementsAreArray({"Creating Pid File", "Pid File created successfully"}));
+  // No preferences yet, so nothing to read; then the sockets, and the pid
+  // file last.
+  EXPECT_NE(positionOf(messages, "Could not open preferences file"), -1);
+  EXPECT_THAT(std::vector<std::string>(messages.end() - 5, messages.end()),
+              ElementsAreArray({"Successfully bound UDP port 4347", "Successfully bound TCP port 4347",
+                                "Varlo listening on port 4347", "Creating Pid File",
+                                "Pid File created successfully"}));
 
   EXPECT_EQ(stopAgent(agent), 0) << agent.output();
-  messages = logMessages();
+  const auto all = logMessages();
+  messages = mainThreadLines(all);
   ASSERT_GE(messages.size(), kShutdownLines.size());
   EXPECT_THAT(std::vector<std::string>(messages.end() - kShutdownLines.size(), messages.end()),
               ElementsAreArray(kShutdownLines));
+  // Each thread starts after its object is made and ends before its join.
+  EXPECT_GT(positionOf(all, "Network Thread: Starting main loop"),
+            positionOf(all, "Varlo listening on port 4347"));
+  EXPECT_NE(positionOf(all, "Foreman going to work"), -1);
+  const long exitSeen = positionOf(all, "Network thread: exit flag set");
+  EXPECT_GT(exitSeen, positionOf(all, "Notifying network thread of exit"));
+  EXPECT_LT(exitSeen, positionOf(all, "Thread 1 shut down.  Returned: 0"));
+  const long foremanDone = positionOf(all, "Foreman Thread Finished");
+  EXPECT_GT(foremanDone, positionOf(all, "Notifying foreman thread of exit"));
+  EXPECT_LT(foremanDone, positionOf(all, "Thread 2 shut down.  Returned: 0"));
   EXPECT_FALSE(readFile(box().hostPath(kPidFile)).has_value());
 
   // The preferences folder is private to root.

@@ -19,11 +19,15 @@ namespace sandbox {
 class AgentTest : public ::testing::Test {
  protected:
   static constexpr const char* kAgent = VARLO_BINARY_DIR "/varlo";
+  static constexpr const char* kCtl = VARLO_BINARY_DIR "/varloctl";
   static constexpr const char* kLog = "/var/log/Varlo.log";
   static constexpr const char* kPidFile = "/var/run/varlo.pid";
 
+  // Tests that need another host name or hosts file change these first.
+  virtual Options sandboxOptions() const { return Options{{VARLO_BINARY_DIR}}; }
+
   void SetUp() override {
-    box_ = std::make_unique<Sandbox>(Options{{VARLO_BINARY_DIR}});
+    box_ = std::make_unique<Sandbox>(sandboxOptions());
     if (!box_->ok()) GTEST_SKIP() << "no namespace sandbox here: " << box_->error();
   }
 
@@ -44,6 +48,28 @@ class AgentTest : public ::testing::Test {
     agent.signal(SIGTERM);
     agent.wait(std::chrono::seconds(10));
     return agent.exitCode();
+  }
+
+  // Runs a shell script inside as root; a failing step fails the test.
+  void sh(const std::string& script) {
+    const auto r = box_->run({"/bin/sh", "-ec", script});
+    ASSERT_TRUE(r.has_value()) << "timed out: " << script;
+    ASSERT_EQ(r->exitCode, 0) << script << "\n" << r->output;
+  }
+
+  // varloctl inside the sandbox; its exit code and what it printed.
+  Sandbox::Result ctl(std::vector<std::string> args) {
+    args.insert(args.begin(), kCtl);
+    const auto r = box_->run(args, std::chrono::seconds(20));
+    EXPECT_TRUE(r.has_value()) << "varloctl did not finish";
+    return r.value_or(Sandbox::Result{-1, ""});
+  }
+
+  // A veth pair "name"/"name"p inside, up, with name at addr/prefix.
+  void addInterface(const std::string& name, const std::string& addrWithPrefix) {
+    sh("ip link set lo up; ip link add " + name + " type veth peer name " + name +
+       "p; ip addr add " + addrWithPrefix + " dev " + name + "; ip link set " + name +
+       " up; ip link set " + name + "p up");
   }
 
   std::string log() { return readFile(box_->hostPath(kLog)).value_or(""); }

@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -56,6 +59,10 @@ class RootBuilder {
     }
     for (const char* dir : {"/usr", "/etc"})
       if (auto e = bindReadOnly(dir); !e.empty()) return e;
+    if (auto e = overlayEtc(options); !e.empty()) return e;
+    if (sethostname(options.hostName.data(), options.hostName.size()) != 0)
+      return failure("sethostname");
+    if (auto e = loopbackUp(); !e.empty()) return e;
 
     if (auto e = fresh("/proc", "proc", 0555); !e.empty()) return e;
     if (auto e = fresh("/sys", "sysfs", 0555); !e.empty()) return e;
@@ -105,6 +112,36 @@ class RootBuilder {
     if (mount(nullptr, at.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
       return failure("read-only " + host);
     return "";
+  }
+
+  // Files of the sandbox's own over the host's: the host's name service
+  // would otherwise wait on servers this network cannot reach.
+  std::string overlayEtc(const Options& options) {
+    const std::string own = root_ + "/.sandbox";
+    if (!mkdirs(own)) return failure("mkdir /.sandbox");
+    const std::pair<const char*, std::string> files[] = {{"/etc/hosts", options.hosts},
+                                                         {"/etc/resolv.conf", ""}};
+    for (const auto& [path, content] : files) {
+      struct stat st{};
+      if (lstat(path, &st) != 0 || !S_ISREG(st.st_mode)) continue;
+      const std::string copy = own + std::strrchr(path, '/');
+      std::ofstream(copy) << content;
+      if (mount(copy.c_str(), (root_ + path).c_str(), nullptr, MS_BIND, nullptr) != 0)
+        return failure(std::string("bind over ") + path);
+    }
+    return "";
+  }
+
+  // A new network namespace starts with its loopback down.
+  static std::string loopbackUp() {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return failure("socket");
+    ifreq req{};
+    std::strncpy(req.ifr_name, "lo", IFNAMSIZ - 1);
+    const bool up = ioctl(fd, SIOCGIFFLAGS, &req) == 0 &&
+                    (req.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &req) == 0);
+    close(fd);
+    return up ? "" : failure("loopback up");
   }
 
   std::string fresh(const char* path, const char* type, mode_t mode) {
@@ -218,9 +255,9 @@ Sandbox::Sandbox(Options options) {
   std::string verdict;
   for (std::string line; std::getline(lines, line);) {
     char* end = nullptr;
-    const long n = std::strtol(line.c_str(), &end, 10);
-    if (!line.empty() && *end == '\0' && n > 0) {
-      pid = n;
+    const long number = std::strtol(line.c_str(), &end, 10);
+    if (!line.empty() && *end == '\0' && number > 0) {
+      pid = number;
     } else {
       verdict = line;
     }
@@ -305,6 +342,20 @@ std::optional<Sandbox::Result> Sandbox::run(const std::vector<std::string>& argv
   Process p = spawn(argv);
   if (!p.running() || !p.wait(timeout)) return std::nullopt;
   return Result{*p.exitCode(), p.output()};
+}
+
+Sandbox::NetworkScope::NetworkScope(const Sandbox& box) {
+  if (!box.ok()) return;
+  home_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  const int target =
+      open(("/proc/" + std::to_string(box.init_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
+  entered_ = home_ >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
+  if (target >= 0) close(target);
+}
+
+Sandbox::NetworkScope::~NetworkScope() {
+  if (entered_) setns(home_, CLONE_NEWNET);
+  if (home_ >= 0) close(home_);
 }
 
 Process::Process(pid_t pid, int outFd) : pid_(pid), outFd_(outFd) {}

@@ -20,6 +20,10 @@ struct Options {
   // Host paths made visible, read-only, at the same place inside (the build
   // tree, fixtures).
   std::vector<std::string> readOnlyBinds;
+  // The sandbox's own host name and /etc/hosts. Name look-ups never leave
+  // the sandbox: it has no name server.
+  std::string hostName = "varlo-sandbox";
+  std::string hosts = "127.0.0.1\tlocalhost\n::1\tlocalhost\n";
 };
 
 // A process started inside the sandbox. Its standard output and error are
@@ -70,6 +74,21 @@ class Sandbox {
   // environment plus extraEnv ("NAME=value").
   Process spawn(const std::vector<std::string>& argv,
                 const std::vector<std::string>& extraEnv = {}) const;
+
+  // While it lives, sockets the calling thread (and threads it starts) opens
+  // belong to the sandbox's network, so a test can be the agent's peer.
+  class NetworkScope {
+   public:
+    explicit NetworkScope(const Sandbox& box);
+    ~NetworkScope();
+    NetworkScope(const NetworkScope&) = delete;
+    NetworkScope& operator=(const NetworkScope&) = delete;
+    bool entered() const { return entered_; }
+
+   private:
+    int home_ = -1;
+    bool entered_ = false;
+  };
 
   // Runs to the end; nothing when it outlives the timeout (it is then killed).
   struct Result {

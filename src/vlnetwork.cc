@@ -1,0 +1,314 @@
+#include "vlnetwork.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "netinfo.h"
+#include "prefs.h"
+#include "vlbuffer.h"
+#include "vllog.h"
+
+using varlo::varlo_probe_reply;
+
+namespace {
+
+std::string dotted(const sockaddr_in& addr) {
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
+  return text;
+}
+
+void logWithErrno(const char* text) {
+  std::stringstream line;
+  line << text << errno;
+  Log->LogMessage(line);
+}
+
+// The first address the host name resolves to that is neither 0.0.0.0 nor
+// loopback (Debian maps the name to 127.0.1.1).
+std::uint32_t primaryAddress(const char* hostName) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(hostName, nullptr, &hints, &found) != 0) return 0;
+  std::uint32_t address = 0;
+  for (const addrinfo* a = found; a != nullptr && address == 0; a = a->ai_next) {
+    const auto* in = reinterpret_cast<const sockaddr_in*>(a->ai_addr);
+    const std::uint32_t candidate = ntohl(in->sin_addr.s_addr);
+    if (candidate != 0 && (candidate >> 24) != 127) address = candidate;
+  }
+  freeaddrinfo(found);
+  return address;
+}
+
+}  // namespace
+
+VLNetwork::VLNetwork(VLBuffer& buffer, std::uint16_t port) : buffer_(buffer), port_(port) {}
+
+VLNetwork::~VLNetwork() {
+  Log->LogMessage("Networking shutting down");
+  Log->LogMessage("Closing network sockets");
+  closeSocket(UDP);
+  closeSocket(TCP);
+}
+
+int VLNetwork::init() {
+  if (initSocket(UDP) != 0 || initSocket(TCP) != 0) return -1;
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+    logWithErrno("Failed to create exit pipe, varlo will take longer to shutdown.  Error: ");
+    return 0;
+  }
+  exitPipe_[0].reset(fds[0]);
+  exitPipe_[1].reset(fds[1]);
+  return 0;
+}
+
+int VLNetwork::initSocket(socketTypes type) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port_);
+  addr.sin_addr.s_addr = htonl(INADDR_ANY);
+
+  if (type == UDP) {
+    if (udpSocket_.valid()) {
+      Log->LogMessage("UDP socket is already valid, cannot initialize.");
+      return -1;
+    }
+    // Non-blocking: a round of the loop never waits on a datagram.
+    udpSocket_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!udpSocket_.valid()) {
+      logWithErrno("Could not initialize UDP socket. Error: ");
+      return -1;
+    }
+    if (bind(udpSocket_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      logWithErrno("Unable to bind probe socket to port 4347.  Error: ");
+      return -1;
+    }
+    Log->LogMessage("Successfully bound UDP port 4347");
+    return 0;
+  }
+  if (type == TCP) {
+    if (tcpSocket_.valid()) {
+      Log->LogMessage("TCP socket is already valid, cannot initialize.");
+      return -1;
+    }
+    tcpSocket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!tcpSocket_.valid()) {
+      logWithErrno("Failed to create tcp socket.  Error: ");
+      return -1;
+    }
+    // Sessions closed at shutdown linger in TIME_WAIT; a restart must still bind.
+    const int on = 1;
+    setsockopt(tcpSocket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(tcpSocket_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      logWithErrno("Unable to bind tcp socket.  Error: ");
+      return -1;
+    }
+    Log->LogMessage("Successfully bound TCP port 4347");
+    if (listen(tcpSocket_.get(), 5) != 0) {
+      const int err = errno;
+      tcpSocket_.reset();
+      errno = err;
+      logWithErrno("Failed to listen on tcp socket.  Error: ");
+      return -1;
+    }
+    Log->LogMessage("Varlo listening on port 4347");
+    return 0;
+  }
+  Log->LogMessage("Cannot initialize unknown socket type.");
+  return -1;
+}
+
+void VLNetwork::closeSocket(socketTypes type) {
+  if (type == UDP) {
+    if (!udpSocket_.valid()) return;
+    if (close(udpSocket_.release()) == 0) {
+      Log->LogMessage("Successfully closed probe socket");
+    } else {
+      Log->LogMessage("Error closing probe socket");
+    }
+    return;
+  }
+  if (!tcpSocket_.valid()) return;
+  if (shutdown(tcpSocket_.get(), SHUT_RDWR) != 0) {
+    logWithErrno("Error shutting probe_socket.  Error: ");
+  }
+  if (close(tcpSocket_.release()) == 0) {
+    Log->LogMessage("Successfully closed tcp socket");
+  } else {
+    Log->LogMessage("Error closing tcp socket");
+  }
+}
+
+void VLNetwork::getExitVal(bool& out) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  out = exitFlag_;
+}
+
+void VLNetwork::exit() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  exitFlag_ = true;
+  if (!exitPipe_[1].valid()) return;
+  if (write(exitPipe_[1].get(), "exit", 5) != 5) {
+    logWithErrno("Failed to write to exit pipe.  Error: ");
+  }
+}
+
+void VLNetwork::run() {
+  Log->LogMessage("Network Thread: Starting main loop");
+  bool quit = false;
+  getExitVal(quit);
+  while (!quit) {
+    pollfd fds[3] = {{exitPipe_[0].get(), POLLIN, 0},
+                     {udpSocket_.get(), POLLIN, 0},
+                     {tcpSocket_.get(), POLLIN, 0}};
+    const int ready = poll(fds, 3, 60 * 1000);
+    getExitVal(quit);
+    if (quit) break;
+    if (ready < 0) {
+      if (errno != EINTR) logWithErrno("Select() returned an error.  Error: ");
+      continue;
+    }
+    // The exit pipe wins: the other sockets of this round are left alone.
+    if (ready == 0 || (fds[0].revents & POLLIN)) continue;
+    if (fds[1].revents & POLLIN) handleProbe();
+    // Every connection waiting is taken: with a backlog of five, a burst of
+    // consoles would otherwise overflow the queue and stall for seconds.
+    if (fds[2].revents & POLLIN)
+      while (acceptConnection()) {
+      }
+  }
+  Log->LogMessage("Network thread: exit flag set");
+}
+
+bool VLNetwork::acceptConnection() {
+  sockaddr_in peer{};
+  socklen_t len = sizeof peer;
+  const int fd = accept4(tcpSocket_.get(), reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
+  if (fd < 0) {
+    // Not an error: the peer gave up first, or someone else took it.
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ||
+        errno == EPROTO) {
+      return false;
+    }
+    logWithErrno("Error when accepting TCP connection.  Error: ");
+    closeSocket(TCP);
+    // Wait out the trouble (descriptors running out, say), but leave at once
+    // when asked to stop.
+    pollfd pipe{exitPipe_[0].get(), POLLIN, 0};
+    poll(&pipe, exitPipe_[0].valid() ? 1 : 0, 70 * 1000);
+    bool quit = false;
+    getExitVal(quit);
+    if (quit) return false;
+    if (initSocket(TCP) != 0) {
+      Log->LogMessage("Failed to reinitialize TCP socket. Shutting down");
+      std::exit(0);
+    }
+    return false;
+  }
+  // Sessions are served in blocking mode by their workers.
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  Log->LogMessage("Received TCP request from " + dotted(peer));
+  buffer_.push(fd, peer, nullptr, 0);
+  return true;
+}
+
+std::uint32_t VLNetwork::osVersionOf(const std::string& release) {
+  unsigned parts[3] = {0, 0, 0};
+  std::size_t pos = 0;
+  for (unsigned& part : parts) {
+    std::size_t digits = 0;
+    while (pos + digits < release.size() && std::isdigit(static_cast<unsigned char>(release[pos + digits])))
+      ++digits;
+    if (digits == 0) break;
+    part = static_cast<unsigned>(std::strtoul(release.substr(pos, digits).c_str(), nullptr, 10));
+    pos += digits;
+    if (pos >= release.size() || release[pos] != '.') break;
+    ++pos;
+  }
+  // Binary-coded decimal as the console knows it: two digits of major, then
+  // minor and patch capped at 9, as 10.4.11 once became 0x1049.
+  const unsigned major = parts[0] % 100;
+  const std::uint32_t r = (((major / 10) << 4 | (major % 10)) << 8) |
+                          ((parts[1] > 9 ? 9 : parts[1]) << 4) | (parts[2] > 9 ? 9 : parts[2]);
+  return (r & 0x0FFF) | (((r >> 4) & 0x0F00) * 10);
+}
+
+varlo_probe_reply VLNetwork::describeHost() {
+  varlo_probe_reply reply;
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  host[31] = '\0';
+  reply.hostName = host;
+  reply.ipAddress = primaryAddress(host);
+
+  CNetInfo info(0);
+  if (info.enumInterfaces() == 0) {
+    info.rewind();
+    std::size_t others = 0;
+    unsigned long address = 0, gateway = 0, mask = 0;
+    std::array<std::uint8_t, 6> hw{};
+    while (info.getNextInterface(address, gateway, mask, hw.data(), hw.size()) == 0) {
+      const bool primary = reply.ipAddress == 0 || address == reply.ipAddress;
+      if (primary) {
+        reply.ipAddress = static_cast<std::uint32_t>(address);
+        reply.gateway = static_cast<std::uint32_t>(gateway);
+        reply.subnetMask = static_cast<std::uint32_t>(mask);
+        reply.hwAddress = hw;
+        unsigned short atNet = 0;
+        unsigned char atNode = 0;
+        std::string zone;
+        info.getATInterface(atNet, atNode, zone);
+        reply.atNetwork = atNet;
+        reply.atNode = atNode;
+      } else if (others < varlo_probe_reply::kOtherInterfaces) {
+        // More than ten others do not fit the reply; the rest are left out.
+        reply.otherIp[others] = static_cast<std::uint32_t>(address);
+        reply.otherGateway[others] = static_cast<std::uint32_t>(gateway);
+        reply.otherMask[others] = static_cast<std::uint32_t>(mask);
+        ++others;
+      }
+    }
+  }
+
+  utsname un{};
+  if (uname(&un) == 0) reply.osVersion = osVersionOf(un.release);
+  reply.dbmsKey = Prefs->dbmsKey();
+  Prefs->checkForUser();
+  reply.userName = Prefs->userName();
+  return reply;
+}
+
+int VLNetwork::handleProbe() {
+  varlo_probe_reply::Bytes wire{};
+  sockaddr_in source{};
+  socklen_t len = sizeof source;
+  // MSG_TRUNC reports the datagram's real length, so 471 bytes are not
+  // mistaken for a probe.
+  const ssize_t got = recvfrom(udpSocket_.get(), wire.data(), wire.size(), MSG_TRUNC,
+                               reinterpret_cast<sockaddr*>(&source), &len);
+  if (got != static_cast<ssize_t>(varlo_probe_reply::kSize)) return 0;
+  Log->LogMessage("Probe Source: " + dotted(source));
+  wire = describeHost().encode();
+  if (sendto(udpSocket_.get(), wire.data(), wire.size(), MSG_NOSIGNAL,
+             reinterpret_cast<sockaddr*>(&source), len) < 0) {
+    logWithErrno("Failed to send probe response. Error: ");
+    return 0;
+  }
+  Log->LogMessage("Sent probe response");
+  return 1;
+}

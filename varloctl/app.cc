@@ -1,0 +1,62 @@
+#include "varloctl/app.h"
+
+#include <exception>
+
+#include "varloctl/arg_parser.h"
+#include "varloctl/ctl_error.h"
+#include "varloctl/discovery.h"
+#include "varloctl/json_writer.h"
+#include "varloctl/password_block.h"
+#include "varloctl/resolver.h"
+#include "varloctl/session.h"
+#include "varloctl/table_writer.h"
+#include "varloctl/wire_text.h"
+
+namespace varloctl {
+namespace {
+
+Value discover(const Invocation& inv) {
+  const auto agents = Discovery(inv.target, inv.port, inv.timeoutMs, inv.broadcast).run();
+  if (agents.empty())
+    throw CtlError(kTimeout, "no agent answered within " + secondsText(inv.timeoutMs));
+  return Discovery::describe(agents);
+}
+
+Value command(const Invocation& inv) {
+  const std::string peer = inv.target + ":" + std::to_string(inv.port);
+  Session session = Session::open(resolveIPv4(inv.target, inv.port), peer, inv.timeoutMs);
+  session.send(PasswordBlock::header(inv.command->code(), inv.password));
+  return inv.command->run(session);
+}
+
+}  // namespace
+
+int App::run(const std::vector<std::string>& args, const std::optional<std::string>& envPassword,
+             std::ostream& out, std::ostream& err) {
+  try {
+    const Invocation inv = ArgParser::parse(args, envPassword);
+    Value result;
+    switch (inv.mode) {
+      case Invocation::Mode::Help:
+        out << ArgParser::usage();
+        return kOk;
+      case Invocation::Mode::Discover:
+        result = discover(inv);
+        break;
+      case Invocation::Mode::Command:
+        result = command(inv);
+        break;
+    }
+    out << (inv.json ? JsonWriter::write(result) : TableWriter::write(result));
+    out.flush();
+    return kOk;
+  } catch (const CtlError& e) {
+    err << "varloctl: " << e.what() << '\n';
+    return e.status();
+  } catch (const std::exception& e) {
+    err << "varloctl: " << e.what() << '\n';
+    return kFailed;
+  }
+}
+
+}  // namespace varloctl

@@ -1,0 +1,182 @@
+#include "varloctl/arg_parser.h"
+
+#include <algorithm>
+#include <sstream>
+#include <string_view>
+
+#include "varlo/probe.h"
+#include "varloctl/command_table.h"
+#include "varloctl/numbers.h"
+#include "varloctl/password_block.h"
+
+namespace varloctl {
+namespace {
+
+constexpr const char* kSeeHelp = " (see varloctl --help)";
+
+std::vector<std::string_view> words(std::string_view s) {
+  std::vector<std::string_view> out;
+  while (!s.empty()) {
+    const auto space = s.find(' ');
+    out.push_back(s.substr(0, space));
+    if (space == std::string_view::npos) break;
+    s.remove_prefix(space + 1);
+  }
+  return out;
+}
+
+// The row whose words open `rest`, the longest if several do.
+const CommandSpec* findCommand(const std::vector<std::string>& rest, std::size_t& used) {
+  const CommandSpec* best = nullptr;
+  used = 0;
+  for (const CommandSpec& spec : commandTable()) {
+    const auto w = words(spec.name);
+    if (w.size() > rest.size() || w.size() <= used) continue;
+    bool match = true;
+    for (std::size_t i = 0; i < w.size(); ++i) match = match && rest[i] == w[i];
+    if (match) {
+      best = &spec;
+      used = w.size();
+    }
+  }
+  return best;
+}
+
+[[noreturn]] void unknownCommand(const std::string& word) {
+  std::string choices;
+  for (const CommandSpec& spec : commandTable()) {
+    const auto w = words(spec.name);
+    if (w.size() > 1 && w[0] == word) choices += (choices.empty() ? "" : ", ") + std::string(w[1]);
+  }
+  if (!choices.empty()) throw usageError("'" + word + "' needs one of: " + choices + kSeeHelp);
+  throw usageError("unknown command '" + word + "'" + kSeeHelp);
+}
+
+}  // namespace
+
+Invocation ArgParser::parse(const std::vector<std::string>& args,
+                            const std::optional<std::string>& envPassword) {
+  Invocation inv;
+  std::optional<std::string> password, timeout, port, broadcast;
+  std::vector<std::string> positional;
+  bool optionsDone = false;
+
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (optionsDone || a.size() < 2 || a[0] != '-') {
+      positional.push_back(a);
+      continue;
+    }
+    if (a == "--") {
+      optionsDone = true;
+      continue;
+    }
+    if (a == "-h" || a == "--help") {
+      inv.mode = Invocation::Mode::Help;
+      return inv;
+    }
+    const auto eq = a.find('=');
+    const std::string name = a.substr(0, eq);
+    if (name == "--json") {
+      if (eq != std::string::npos) throw usageError("--json takes no value");
+      inv.json = true;
+      continue;
+    }
+    std::optional<std::string>* slot = name == "--password"    ? &password
+                                       : name == "--timeout"   ? &timeout
+                                       : name == "--port"      ? &port
+                                       : name == "--broadcast" ? &broadcast
+                                                               : nullptr;
+    if (slot == nullptr) throw usageError("unknown option '" + a + "'" + kSeeHelp);
+    if (eq != std::string::npos)
+      *slot = a.substr(eq + 1);
+    else if (i + 1 < args.size())
+      *slot = args[++i];
+    else
+      throw usageError(name + " needs a value");
+  }
+
+  inv.port = varlo::kAgentPort;
+  if (port) {
+    inv.port = static_cast<std::uint16_t>(parseUnsigned(*port, 65535, "the port"));
+    if (inv.port == 0) throw usageError("the port must not be 0");
+  }
+  if (positional.empty()) throw usageError(std::string("missing HOST and COMMAND") + kSeeHelp);
+
+  if (positional[0] == "discover") {
+    inv.mode = Invocation::Mode::Discover;
+    inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kDiscoverTimeoutMs;
+    if (positional.size() > 2) throw usageError("discover takes at most one HOST");
+    if (positional.size() == 2) {
+      if (broadcast) throw usageError("discover takes either HOST or --broadcast, not both");
+      inv.target = positional[1];
+    } else {
+      inv.target = broadcast.value_or(Invocation::kBroadcast);
+      inv.broadcast = true;
+    }
+    return inv;
+  }
+
+  inv.mode = Invocation::Mode::Command;
+  inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kCommandTimeoutMs;
+  if (broadcast) throw usageError("--broadcast applies to discover only");
+  inv.target = positional[0];
+  const std::vector<std::string> rest(positional.begin() + 1, positional.end());
+  if (rest.empty()) throw usageError("missing COMMAND after " + inv.target + kSeeHelp);
+
+  std::size_t used = 0;
+  const CommandSpec* spec = findCommand(rest, used);
+  if (spec == nullptr) unknownCommand(rest[0]);
+  const std::vector<std::string> arguments(rest.begin() + static_cast<std::ptrdiff_t>(used),
+                                           rest.end());
+  if (arguments.size() != spec->argumentCount) {
+    std::string form = "usage: varloctl [OPTIONS] HOST " + std::string(spec->name);
+    if (!spec->arguments.empty()) form += " " + std::string(spec->arguments);
+    throw usageError(form);
+  }
+  inv.command = spec->make(arguments);
+
+  inv.password = password ? *password : envPassword.value_or("");
+  PasswordBlock::plain(inv.password);  // refuses one the agent could not receive
+  return inv;
+}
+
+std::string ArgParser::usage() {
+  std::ostringstream s;
+  const auto row = [&s](std::string left, std::string_view right, std::size_t column = 26) {
+    left.resize(std::max(left.size() + 2, column), ' ');
+    s << "  " << left << right << '\n';
+  };
+  s << "usage: varloctl [OPTIONS] discover [HOST]\n"
+       "       varloctl [OPTIONS] HOST COMMAND [ARGS]\n"
+       "\n"
+       "Finds Varlo agents and sends them commands (UDP and TCP port 4347).\n"
+       "HOST is a dotted IPv4 address or a host name.\n"
+       "\n"
+       "Commands:\n";
+  row("discover [HOST]", "list the agents answering a probe sent to HOST or broadcast");
+  for (const CommandSpec& spec : commandTable()) {
+    std::string left(spec.name);
+    if (!spec.arguments.empty()) left += " " + std::string(spec.arguments);
+    row(left, spec.summary);
+  }
+  s << "\nOptions:\n";
+  row("--password P", "session password (default: $VARLO_PASSWORD, else empty)");
+  row("--timeout S", "seconds allowed for each reply (default 10; discover 2)");
+  row("--broadcast ADDR", "discover: where to send the probe (default 255.255.255.255)");
+  row("--port N", "the agent's port (default 4347)");
+  row("--json", "print one JSON document instead of a table");
+  row("-h, --help", "show this text");
+  s << "\nExit status:\n";
+  row("0", "success", 3);
+  row("1", "the agent reported that the command failed", 3);
+  row("2", "usage error", 3);
+  row("3", "wrong password", 3);
+  row("4", "the agent refused the command or closed the connection", 3);
+  row("5", "time-out (discover: no agent answered)", 3);
+  row("6", "cannot connect: unknown host, connection refused, no route", 3);
+  row("7", "the agent's reply makes no sense", 3);
+  return s.str();
+}
+
+}  // namespace varloctl

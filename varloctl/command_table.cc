@@ -1,0 +1,26 @@
+#include "varloctl/command_table.h"
+
+#include "varloctl/dbkey_command.h"
+#include "varloctl/ipaddrs_command.h"
+#include "varloctl/network_command.h"
+#include "varloctl/notes_get_command.h"
+#include "varloctl/notes_set_command.h"
+#include "varloctl/password_command.h"
+
+namespace varloctl {
+
+const std::vector<CommandSpec>& commandTable() {
+  static const std::vector<CommandSpec> table = {
+      {"network", "", 0, "the first usable network interface", &NetworkCommand::make},
+      {"ipaddrs", "", 0, "every interface's IPv4 address", &IpAddrsCommand::make},
+      {"password", "NEW", 1, "change the agent's password (at most 7 characters)",
+       &PasswordCommand::make},
+      {"dbkey", "N", 1, "assign the DBMS key (0 to 4294967295)", &DbKeyCommand::make},
+      {"notes get", "", 0, "show the ten stored notes", &NotesGetCommand::make},
+      {"notes set", "INDEX TEXT", 2, "store note INDEX (0 to 9); one line, at most 255 bytes",
+       &NotesSetCommand::make},
+  };
+  return table;
+}
+
+}  // namespace varloctl

@@ -1,0 +1,60 @@
+// One TCP connection to an agent, carrying one command. Every wait is
+// bounded: connecting, and each whole record sent or received, must finish
+// within the time-out, so a silent or trickling agent cannot hang the tool.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+#include "varlo/coding.h"
+
+namespace varloctl {
+
+class Session {
+ public:
+  // Tries the addresses in turn; throws CtlError (unreachable or timeout).
+  static Session open(const std::vector<sockaddr_in>& addresses, const std::string& peerName,
+                      int timeoutMs);
+
+  Session(UniqueFd fd, std::string peerName, int timeoutMs);
+
+  void send(const std::uint8_t* data, std::size_t len);
+  template <std::size_t N>
+  void send(const varlo::WireRecord<N>& r) {
+    send(r.data(), N);
+  }
+
+  // Exactly len bytes. A connection closed before the first byte means the
+  // agent refused the command (or the password's record was never sent).
+  void receive(std::uint8_t* data, std::size_t len);
+  template <std::size_t N>
+  varlo::WireRecord<N> receive() {
+    varlo::WireRecord<N> r{};
+    receive(r.data(), N);
+    return r;
+  }
+
+  const std::string& peerName() const { return peer_; }
+  int timeoutMs() const { return timeoutMs_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  // Waits for events until the deadline; false on time-out.
+  bool wait(short events, Clock::time_point deadline) const;
+  [[noreturn]] void timedOut(const char* what) const;
+
+  UniqueFd fd_;
+  std::string peer_;
+  int timeoutMs_;
+  // The agent dropped the connection while we were sending. It may still
+  // have answered first (a rejected password), so the next receive decides.
+  bool sendFailed_ = false;
+};
+
+}  // namespace varloctl
