@@ -104,7 +104,7 @@ std::string pascalToC(const std::uint8_t* field, std::size_t fieldSize, int max)
 }  // namespace
 
 VLWorker::VLWorker(CPrefs* prefs)
-    : prefs_(prefs ? prefs : Prefs), id_(nextID++), created_(std::time(nullptr)) {}
+    : prefs_(prefs ? prefs : Prefs), id_(nextID++) {}
 
 VLWorker::~VLWorker() {
   if (task_) {

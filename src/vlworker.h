@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <ctime>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -85,6 +84,5 @@ class VLWorker {
   std::atomic<bool> finished_{false};
   unsigned id_;
   std::optional<task> task_;
-  std::time_t created_;
   std::vector<pid_t> pids_;
 };
