@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config
-  libssl-dev libsystemd-dev libmnl-dev
+  libssl-dev libsystemd-dev libmnl-dev libpci-dev
   libgtest-dev libgmock-dev
   util-linux procps
 )

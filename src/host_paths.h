@@ -25,4 +25,11 @@ inline constexpr const char* kUsersRoot = "/home";
 inline constexpr const char* kFontsFolder = "/usr/local/share/fonts/";
 inline constexpr const char* kStartupItemsFolder = "/etc/init.d/";
 
+// The hardware inventory reads sysfs under this root (procfs under kProcRoot).
+inline constexpr const char* kSysRoot = "/sys";
+
+// Mounted file systems, and which kinds need no block device.
+inline constexpr const char* kMountInfo = "/proc/self/mountinfo";
+inline constexpr const char* kProcFilesystems = "/proc/filesystems";
+
 }  // namespace host_paths

@@ -9,12 +9,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 
+#include "config_info.h"
 #include "netinfo.h"
 #include "prefs.h"
 #include "vlbuffer.h"
@@ -228,23 +228,9 @@ bool VLNetwork::acceptConnection() {
 }
 
 std::uint32_t VLNetwork::osVersionOf(const std::string& release) {
-  unsigned parts[3] = {0, 0, 0};
-  std::size_t pos = 0;
-  for (unsigned& part : parts) {
-    std::size_t digits = 0;
-    while (pos + digits < release.size() && std::isdigit(static_cast<unsigned char>(release[pos + digits])))
-      ++digits;
-    if (digits == 0) break;
-    part = static_cast<unsigned>(std::strtoul(release.substr(pos, digits).c_str(), nullptr, 10));
-    pos += digits;
-    if (pos >= release.size() || release[pos] != '.') break;
-    ++pos;
-  }
-  // Binary-coded decimal as the console knows it: two digits of major, then
-  // minor and patch capped at 9, as 10.4.11 once became 0x1049.
-  const unsigned major = parts[0] % 100;
-  const std::uint32_t r = (((major / 10) << 4 | (major % 10)) << 8) |
-                          ((parts[1] > 9 ? 9 : parts[1]) << 4) | (parts[2] > 9 ? 9 : parts[2]);
+  // The probe moves the major version into the third hexadecimal digit, as
+  // 10.3.9 (0x1039) once became 0x0A39.
+  const std::uint32_t r = CConfigInfo::systemVersionOf(release);
   return (r & 0x0FFF) | (((r >> 4) & 0x0F00) * 10);
 }
 

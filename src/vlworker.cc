@@ -10,9 +10,13 @@
 #include <sstream>
 #include <utility>
 
+#include "config_info.h"
+#include "hd_info.h"
 #include "netinfo.h"
+#include "process_info.h"
 #include "prefs.h"
 #include "util.h"
+#include "varlo/config_record.h"
 #include "varlo/net_records.h"
 #include "vllog.h"
 
@@ -179,6 +183,23 @@ void VLWorker::ProcessCommand(std::uint16_t command) {
   }
   Log->LogMessage(who() + text);
   switch (command) {
+    case kConfigurationCommand: {
+      varlo_config record;
+      getConfigData(record);
+      record.prefix = ReplyPrefix{kConfigurationCommand, true, true, 0};
+      SendData(record.encode());
+      break;
+    }
+    case 3:
+      sendProcessData();
+      break;
+    case 4:
+    case 25:
+      sendVolumeData(command);
+      break;
+    case 26:
+      sendDiskData();
+      break;
     case kNetworkingCommand: {
       varlo_net record;
       getNetworkData(record);
@@ -306,6 +327,32 @@ int VLWorker::receiveFileData(std::ostream& out) {
   std::snprintf(line, sizeof line, "Received: %d bytes total", static_cast<int>(total));
   Log->LogMessage(line);
   return 0;
+}
+
+RecordSink VLWorker::sink() {
+  return [this](const std::uint8_t* data, std::size_t len) {
+    return SendData(data, static_cast<int>(len));
+  };
+}
+
+void VLWorker::getConfigData(varlo_config& record) { CConfigInfo().getConfigData(record); }
+
+void VLWorker::sendProcessData() {
+  if (!task_) return;
+  CProcessInfo processes;
+  sendProcessList(processes, sink());
+}
+
+void VLWorker::sendVolumeData(std::uint16_t command) {
+  if (!task_) return;
+  CHDInfo disks;
+  sendVolumeList(disks, command, sink());
+}
+
+void VLWorker::sendDiskData() {
+  if (!task_) return;
+  CHDInfo disks;
+  sendDiskList(disks, sink());
 }
 
 void VLWorker::getNetworkData(varlo_net& record) {

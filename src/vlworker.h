@@ -12,11 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "record_sink.h"
 #include "varlo/coding.h"
 #include "varlo/records.h"
 
 class CPrefs;
 namespace varlo {
+struct varlo_config;
 struct varlo_net;
 }
 
@@ -66,6 +68,10 @@ class VLWorker {
   // One file's bytes in acknowledged chunks; 0 or -1.
   int receiveFileData(std::ostream& out);
 
+  void getConfigData(varlo::varlo_config& record);
+  void sendProcessData();
+  void sendVolumeData(std::uint16_t command);
+  void sendDiskData();
   void getNetworkData(varlo::varlo_net& record);
   void sendIPAddrs();
   void changePassword();
@@ -75,6 +81,8 @@ class VLWorker {
 
  private:
   std::string who() const;  // "Worker Thread: N"
+  // The session as a destination for records.
+  RecordSink sink();
   int socket() const { return task_ ? task_->socket : -1; }
   std::string checkPassword(const varlo::varlo_cmd_header& header) const;
 

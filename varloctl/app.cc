@@ -26,6 +26,7 @@ Value command(const Invocation& inv) {
   const std::string peer = inv.target + ":" + std::to_string(inv.port);
   Session session = Session::open(resolveIPv4(inv.target, inv.port), peer, inv.timeoutMs);
   session.send(PasswordBlock::header(inv.command->code(), inv.password));
+  inv.command->setJson(inv.json);
   return inv.command->run(session);
 }
 

@@ -18,6 +18,8 @@ class Command {
   virtual std::uint16_t code() const = 0;
   // Runs after the header was sent; throws CtlError when it cannot finish.
   virtual Value run(Session& session) = 0;
+  // Told before run() when the output is JSON, for commands that show more there.
+  virtual void setJson(bool) {}
 
  protected:
   // The first reply of a command is where a rejected password shows: a

@@ -1,16 +1,25 @@
 #include "varloctl/command_table.h"
 
+#include "varloctl/config_command.h"
 #include "varloctl/dbkey_command.h"
+#include "varloctl/disks_command.h"
 #include "varloctl/ipaddrs_command.h"
 #include "varloctl/network_command.h"
 #include "varloctl/notes_get_command.h"
 #include "varloctl/notes_set_command.h"
 #include "varloctl/password_command.h"
+#include "varloctl/processes_command.h"
+#include "varloctl/volumes_command.h"
 
 namespace varloctl {
 
 const std::vector<CommandSpec>& commandTable() {
   static const std::vector<CommandSpec> table = {
+      {"config", "", 0, "the agent's hardware and system configuration", &ConfigCommand::make},
+      {"processes", "", 0, "every running process", &ProcessesCommand::make},
+      {"volumes", "", 0, "every mounted volume, local and remote", &VolumesCommand::make},
+      {"volumes local", "", 0, "the local mounted volumes only", &VolumesCommand::makeLocal},
+      {"disks", "", 0, "the fixed (non-removable) disks and their sizes", &DisksCommand::make},
       {"network", "", 0, "the first usable network interface", &NetworkCommand::make},
       {"ipaddrs", "", 0, "every interface's IPv4 address", &IpAddrsCommand::make},
       {"password", "NEW", 1, "change the agent's password (at most 7 characters)",

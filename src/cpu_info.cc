@@ -1,0 +1,3 @@
+#include "cpu_info.h"
+
+CpuInfo::~CpuInfo() = default;

@@ -1,0 +1,24 @@
+#include "varloctl/disks_command.h"
+
+#include "varloctl/volumes_command.h"
+
+namespace varloctl {
+
+std::unique_ptr<Command> DisksCommand::make(const std::vector<std::string>&) {
+  return std::make_unique<DisksCommand>();
+}
+
+Value DisksCommand::run(Session& session) {
+  Value list = Value::array();
+  for (const auto& d : VolumesCommand::receiveList(session, "the agent could not list its disks"))
+    list.push(describe(d));
+  return list;
+}
+
+Value DisksCommand::describe(const varlo::varlo_volume& entry) {
+  return Value::object()
+      .add("name", Value::string(entry.name))
+      .add("size_mib", Value::string(VolumesCommand::mebibytes(entry.total)));
+}
+
+}  // namespace varloctl
