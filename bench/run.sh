@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 if [ "${1:-}" != "--inside" ]; then
   ./scripts/deps.sh
   ./scripts/build.sh build-bench -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF
-  exec unshare --mount --net --uts --fork "$0" --inside
+  exec unshare --mount --net --uts --pid --fork --mount-proc "$0" --inside
 fi
 
 mount --make-rprivate /
@@ -29,3 +29,14 @@ for c in 1 8 64; do
   $bench sessions 127.0.0.1 4347 "$c" 5
   $bench sessions 127.0.0.1 4348 "$c" 5
 done
+
+echo "== Configuration sessions (no process is started per command)"
+$bench sessions 127.0.0.1 4347 1 3 1
+$bench sessions 127.0.0.1 4347 8 3 1
+
+echo "== Processes with 2000 extra processes: agent session (connect to closing header), then ps"
+for _ in $(seq 2000); do sleep 600 & done
+sleep 1
+echo "processes visible: $(ls -d /proc/[0-9]* | wc -l)"
+$bench sessions 127.0.0.1 4347 1 5 3
+$bench run 50 ps -e -o pid=,comm=

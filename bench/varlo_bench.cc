@@ -3,15 +3,19 @@
 //
 //   varlo_bench echo-server PORT          UDP and TCP echo on PORT
 //   varlo_bench probe HOST PORT N         N probe round trips, one at a time
-//   varlo_bench sessions HOST PORT C SECS C clients in a loop of sessions
+//   varlo_bench sessions HOST PORT C SECS [CODE]
+//                                         C clients in a loop of sessions
+//   varlo_bench run N CMD [ARGS...]       runs a command N times, output dropped
 //
-// A session is one IP Address command (a header, then list batches until the
-// last); against the echo peer it is a 12-byte header echoed back.
+// A session is one command: IP Address (28, the default) or Processes (3),
+// a header then list batches until the last; or Configuration (1), one
+// record. Against the echo peer it is a 12-byte header echoed back.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,13 +24,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "des_cipher.h"
 #include "unique_fd.h"
+#include "varlo/config_record.h"
 #include "varlo/net_records.h"
+#include "varlo/process_records.h"
 #include "varlo/probe.h"
 #include "varlo/records.h"
 
@@ -120,8 +127,14 @@ int probe(const char* host, int port, int count) {
   return 0;
 }
 
+// Size of one list entry of the command, or 0 for a single-record reply.
+std::size_t entrySize(std::uint16_t code) {
+  return code == 3 ? varlo::varlo_proc::kSize : code == 1 ? 0 : varlo::varlo_ipaddr::kSize;
+}
+
 // One session; false when it did not complete.
-bool session(const sockaddr_in& sa, const varlo::varlo_cmd_header::Bytes& header) {
+bool session(const sockaddr_in& sa, const varlo::varlo_cmd_header::Bytes& header,
+             std::uint16_t code) {
   UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
   if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) return false;
   if (send(fd.get(), header.data(), header.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(header.size()))
@@ -130,20 +143,24 @@ bool session(const sockaddr_in& sa, const varlo::varlo_cmd_header::Bytes& header
   // The echo peer returns the 12 header bytes; the agent its list batches.
   if (!readExactly(fd.get(), head.data(), header.size())) return false;
   if (std::memcmp(head.data(), header.data(), header.size()) == 0) return true;
+  if (entrySize(code) == 0) {
+    std::vector<std::uint8_t> rest(varlo::varlo_config::kSize - header.size());
+    return readExactly(fd.get(), rest.data(), rest.size());
+  }
   if (!readExactly(fd.get(), head.data() + header.size(), head.size() - header.size())) return false;
   for (;;) {
     const auto h = varlo::varlo_list_header::decode(head);
-    std::vector<std::uint8_t> body(h.count * varlo::varlo_ipaddr::kSize);
+    std::vector<std::uint8_t> body(h.count * entrySize(code));
     if (!body.empty() && !readExactly(fd.get(), body.data(), body.size())) return false;
     if (h.prefix.last) return true;
     if (!readExactly(fd.get(), head.data(), head.size())) return false;
   }
 }
 
-int sessions(const char* host, int port, int clients, double seconds) {
+int sessions(const char* host, int port, int clients, double seconds, std::uint16_t code) {
   const sockaddr_in sa = addressOf(host, port);
   varlo::varlo_cmd_header h;
-  h.command = varlo::kIpAddressCommand;
+  h.command = code;
   DesCipher::Block empty{};
   DesCipher::instance().encrypt(empty.data(), h.passwordBlock.data(), 8);
   const auto header = h.encode();
@@ -157,7 +174,7 @@ int sessions(const char* host, int port, int clients, double seconds) {
     threads.emplace_back([&, c] {
       while (Clock::now() < deadline) {
         const auto t0 = Clock::now();
-        if (session(sa, header)) {
+        if (session(sa, header, code)) {
           perClient[static_cast<std::size_t>(c)].push_back(
               std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
         } else {
@@ -170,9 +187,34 @@ int sessions(const char* host, int port, int clients, double seconds) {
   std::vector<double> all;
   for (auto& v : perClient) all.insert(all.end(), v.begin(), v.end());
   char what[64];
-  std::snprintf(what, sizeof what, "sessions, %d client%s", clients, clients == 1 ? "" : "s");
+  std::snprintf(what, sizeof what, "command %u sessions, %d client%s", code, clients,
+                clients == 1 ? "" : "s");
   report(what, all, std::chrono::duration<double>(Clock::now() - start).count());
   if (failed) std::printf("  %d sessions failed\n", failed.load());
+  return 0;
+}
+
+int runCommand(int count, char** argv) {
+  std::vector<double> micros;
+  const auto start = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    const auto t0 = Clock::now();
+    const pid_t child = fork();
+    if (child == 0) {
+      const int devnull = open("/dev/null", O_WRONLY);
+      dup2(devnull, 1);
+      execvp(argv[0], argv);
+      _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::fprintf(stderr, "%s failed\n", argv[0]);
+      return 1;
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+  }
+  report(argv[0], micros, std::chrono::duration<double>(Clock::now() - start).count());
   return 0;
 }
 
@@ -182,10 +224,12 @@ int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "echo-server" && argc == 3) return echoServer(std::atoi(argv[2]));
   if (mode == "probe" && argc == 5) return probe(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
-  if (mode == "sessions" && argc == 6)
-    return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]));
+  if (mode == "sessions" && (argc == 6 || argc == 7))
+    return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]),
+                    static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : 28));
+  if (mode == "run" && argc >= 4) return runCommand(std::atoi(argv[2]), argv + 3);
   std::fprintf(stderr,
                "usage: varlo_bench echo-server PORT | probe HOST PORT N | "
-               "sessions HOST PORT CLIENTS SECONDS\n");
+               "sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...]\n");
   return 2;
 }

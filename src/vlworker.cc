@@ -13,7 +13,9 @@
 #include "config_info.h"
 #include "hd_info.h"
 #include "netinfo.h"
+#include "pci_linux.h"
 #include "process_info.h"
+#include "scsi_linux.h"
 #include "prefs.h"
 #include "util.h"
 #include "varlo/config_record.h"
@@ -200,6 +202,12 @@ void VLWorker::ProcessCommand(std::uint16_t command) {
     case 26:
       sendDiskData();
       break;
+    case 5:
+      sendSCSIData();
+      break;
+    case 27:
+      sendPCIData();
+      break;
     case kNetworkingCommand: {
       varlo_net record;
       getNetworkData(record);
@@ -353,6 +361,18 @@ void VLWorker::sendDiskData() {
   if (!task_) return;
   CHDInfo disks;
   sendDiskList(disks, sink());
+}
+
+void VLWorker::sendSCSIData() {
+  if (!task_) return;
+  CScsiLinux scsi;
+  sendScsiRecords(scsi, sink());
+}
+
+void VLWorker::sendPCIData() {
+  if (!task_) return;
+  CPciLinux pci;
+  sendPciList(pci, sink());
 }
 
 void VLWorker::getNetworkData(varlo_net& record) {

@@ -72,6 +72,8 @@ class VLWorker {
   void sendProcessData();
   void sendVolumeData(std::uint16_t command);
   void sendDiskData();
+  void sendSCSIData();
+  void sendPCIData();
   void getNetworkData(varlo::varlo_net& record);
   void sendIPAddrs();
   void changePassword();

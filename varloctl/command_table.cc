@@ -8,7 +8,9 @@
 #include "varloctl/notes_get_command.h"
 #include "varloctl/notes_set_command.h"
 #include "varloctl/password_command.h"
+#include "varloctl/pci_command.h"
 #include "varloctl/processes_command.h"
+#include "varloctl/scsi_command.h"
 #include "varloctl/volumes_command.h"
 
 namespace varloctl {
@@ -20,6 +22,8 @@ const std::vector<CommandSpec>& commandTable() {
       {"volumes", "", 0, "every mounted volume, local and remote", &VolumesCommand::make},
       {"volumes local", "", 0, "the local mounted volumes only", &VolumesCommand::makeLocal},
       {"disks", "", 0, "the fixed (non-removable) disks and their sizes", &DisksCommand::make},
+      {"scsi", "", 0, "the SCSI devices", &ScsiCommand::make},
+      {"pci", "", 0, "the PCI devices", &PciCommand::make},
       {"network", "", 0, "the first usable network interface", &NetworkCommand::make},
       {"ipaddrs", "", 0, "every interface's IPv4 address", &IpAddrsCommand::make},
       {"password", "NEW", 1, "change the agent's password (at most 7 characters)",

@@ -5,11 +5,15 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <map>
+
 #include <gmock/gmock.h>
 
 #include "console_end.h"
 #include "sandbox/agent_test.h"
 #include "varlo/config_record.h"
+#include "varlo/device_records.h"
 #include "varlo/process_records.h"
 #include "varlo/volume_records.h"
 
@@ -171,9 +175,57 @@ TEST_F(AgentTest, ConfigurationRecordDescribesThisMachine) {
   EXPECT_NE(config.osVersionText.find('.'), std::string::npos);
 }
 
+TEST_F(AgentTest, ScsiAndPciDevicesAreTheOnesTheKernelKnows) {
+  Process agent = startAgent();
+  {
+    Sandbox::NetworkScope net(box());
+    ConsoleEnd console = ConsoleEnd::connectTo();
+    ASSERT_TRUE(console.sendHeader(5, ""));
+    // No SCSI host lists devices here unless the kernel has them.
+    std::size_t scsiDevices = 0;
+    if (DIR* d = opendir(box().hostPath("/sys/bus/scsi/devices").c_str())) {
+      while (const dirent* e = readdir(d))
+        scsiDevices += std::count(e->d_name, e->d_name + std::strlen(e->d_name), ':') == 3;
+      closedir(d);
+    }
+    std::size_t seen = 0;
+    for (;;) {
+      const Bytes record = console.receive(varlo_scsis::kSize);
+      ASSERT_EQ(record.size(), varlo_scsis::kSize);
+      EXPECT_EQ(record[0] << 8 | record[1], 5);
+      seen += static_cast<std::size_t>(record[12] << 8 | record[13]);
+      if (record[3] == 1) break;
+    }
+    EXPECT_TRUE(console.closedByPeer());
+    EXPECT_EQ(seen, scsiDevices);
+  }
+
+  const auto pci = readList<varlo_pci>(box(), 27);
+  ASSERT_TRUE(pci.whole);
+  std::map<std::string, std::uint16_t> kernel;  // address -> vendor id
+  DIR* d = opendir(box().hostPath("/sys/bus/pci/devices").c_str());
+  ASSERT_NE(d, nullptr);
+  while (const dirent* e = readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    const auto vendor = readFile(box().hostPath("/sys/bus/pci/devices/") + e->d_name + "/vendor");
+    kernel[e->d_name] = static_cast<std::uint16_t>(std::stoul(vendor.value_or("0"), nullptr, 16));
+  }
+  closedir(d);
+  ASSERT_EQ(pci.entries.size(), kernel.size());
+  for (const auto& device : pci.entries) {
+    EXPECT_FALSE(device.name.empty());
+    EXPECT_FALSE(device.type.empty());
+    // Without a physical slot name the slot is the function's address.
+    const auto it = kernel.find(device.slot);
+    if (it != kernel.end()) {
+      EXPECT_EQ(device.vendor, it->second) << device.slot;
+    }
+  }
+}
+
 TEST_F(AgentTest, ConsoleToolShowsTheInventory) {
   Process agent = startAgent();
-  for (const char* command : {"config", "processes", "volumes", "disks"}) {
+  for (const char* command : {"config", "processes", "volumes", "disks", "scsi", "pci"}) {
     const auto r = ctl({"--json", "127.0.0.1", command});
     EXPECT_EQ(r.exitCode, 0) << command << ": " << r.output;
   }
