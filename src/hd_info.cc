@@ -14,6 +14,7 @@
 #include "unique_fd.h"
 #include "util.h"
 #include "varlo/volume_records.h"
+#include "list_batches.h"
 #include "vllog.h"
 
 using varlo::varlo_list_header;
@@ -95,40 +96,6 @@ std::uint64_t product(std::uint64_t a, std::uint64_t b) {
     return std::numeric_limits<std::uint64_t>::max();
   return a * b;
 }
-
-// Fills ten-entry batches, each sent as a header block and an entry block.
-class VolumeBatches {
- public:
-  VolumeBatches(std::uint16_t command, const RecordSink& sink)
-      : header_{varlo::ReplyPrefix{command, true, false, 0}, 0, 0}, sink_(sink) {}
-
-  int add(const varlo_volume& entry) {
-    entry.writeSlot(buffer_.data() + filled_ * varlo_volume::kSize);
-    if (++filled_ < varlo_volume::kBatch) return 0;
-    const int result = flush(false);
-    filled_ = 0;
-    return result;
-  }
-
-  int finish() { return flush(true); }
-
- private:
-  int flush(bool last) {
-    header_.count = static_cast<std::uint16_t>(filled_);
-    header_.prefix.last = last;
-    const auto h = header_.encode();
-    if (sink_(h.data(), h.size()) != 0) return -1;
-    if (filled_ > 0 && sink_(buffer_.data(), filled_ * varlo_volume::kSize) != 0) return -1;
-    return 0;
-  }
-
-  varlo_list_header header_;
-  const RecordSink& sink_;
-  // Cleared once: slots keep what earlier entries left (see writeSlot).
-  std::vector<std::uint8_t> buffer_ =
-      std::vector<std::uint8_t>(varlo_volume::kSize * varlo_volume::kBatch, 0);
-  std::size_t filled_ = 0;
-};
 
 }  // namespace
 
@@ -272,7 +239,7 @@ int CHDInfo::getNextPartition(std::string& name, bool& local, unsigned long long
 
 int sendDiskList(CHDInfo& info, const RecordSink& sink) {
   if (!sink) return -1;
-  VolumeBatches batches(varlo::kHardDiskCommand, sink);
+  ListBatches<varlo_volume> batches(varlo::kHardDiskCommand, sink);
   info.enumHardDisks();
   std::string name;
   unsigned long long size = 0;
@@ -289,7 +256,7 @@ int sendDiskList(CHDInfo& info, const RecordSink& sink) {
 
 int sendVolumeList(CHDInfo& info, std::uint16_t command, const RecordSink& sink) {
   if (!sink) return -1;
-  VolumeBatches batches(command, sink);
+  ListBatches<varlo_volume> batches(command, sink);
   info.enumPartitions();
   std::string name;
   bool local = true;

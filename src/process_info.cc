@@ -12,6 +12,7 @@
 
 #include "unique_fd.h"
 #include "util.h"
+#include "list_batches.h"
 #include "vllog.h"
 
 using varlo::varlo_list_header;
@@ -138,25 +139,11 @@ int CProcessInfo::parseStat(const std::string& path, varlo_proc& out) {
 
 int sendProcessList(CProcessInfo& info, const RecordSink& sink) {
   if (!sink) return -1;
-  varlo_list_header header{varlo::ReplyPrefix{varlo::kProcessesCommand, true, false, 0}, 0, 0};
-  // Cleared once: a slot keeps the tail of an earlier, longer name.
-  std::vector<std::uint8_t> batch(varlo_proc::kSize * varlo_proc::kBatch, 0);
+  ListBatches<varlo_proc> batches(varlo::kProcessesCommand, sink);
   info.enumProcesses();
   info.rewind();
-  std::size_t filled = 0;
   varlo_proc entry;
-  while (info.getNext(entry) == 0) {
-    entry.writeSlot(batch.data() + filled * varlo_proc::kSize);
-    if (++filled < varlo_proc::kBatch) continue;
-    header.count = static_cast<std::uint16_t>(filled);
-    const auto h = header.encode();
-    if (sink(h.data(), h.size()) != 0 || sink(batch.data(), batch.size()) != 0) return -1;
-    filled = 0;
-  }
-  header.count = static_cast<std::uint16_t>(filled);
-  header.prefix.last = true;
-  const auto h = header.encode();
-  if (sink(h.data(), h.size()) != 0) return -1;
-  if (filled > 0 && sink(batch.data(), filled * varlo_proc::kSize) != 0) return -1;
-  return 0;
+  while (info.getNext(entry) == 0)
+    if (batches.add(entry) != 0) return -1;
+  return batches.finish();
 }

@@ -12,6 +12,7 @@
 
 #include "config_info.h"
 #include "hd_info.h"
+#include "list_batches.h"
 #include "netinfo.h"
 #include "pci_linux.h"
 #include "process_info.h"
@@ -402,32 +403,22 @@ void VLWorker::getNetworkData(varlo_net& record) {
 
 void VLWorker::sendIPAddrs() {
   if (!task_) return;
-  varlo_list_header header{ReplyPrefix{kIpAddressCommand, true, false, 0}, 0, 0};
-  std::vector<std::uint8_t> batch(varlo_ipaddr::kSize * varlo_ipaddr::kBatch, 0);
+  const RecordSink out = sink();
+  ListBatches<varlo_ipaddr> batches(kIpAddressCommand, out, [](std::size_t n) {
+    Log->LogMessage("Sending " + std::to_string(n) + "ip addresses");
+  });
   CNetInfo info(task_->socket);
   info.enumInterfaces();  // an empty map just gives an empty closing batch
   info.rewind();
-  std::size_t filled = 0;
   varlo_ipaddr entry;
   unsigned long address = 0, gateway = 0, mask = 0;
   while (info.getNextInterface(address, gateway, mask, entry.hwAddr.data(), 6) == 0) {
     entry.ipAddr = static_cast<std::uint32_t>(address);
     entry.gatewayAddr = static_cast<std::uint32_t>(gateway);
     entry.netMask = static_cast<std::uint32_t>(mask);
-    entry.encodeAt(batch.data() + filled * varlo_ipaddr::kSize);
-    if (++filled < varlo_ipaddr::kBatch) continue;
-    Log->LogMessage("Sending " + std::to_string(filled) + "ip addresses");
-    header.count = static_cast<std::uint16_t>(filled);
-    if (SendData(header.encode()) != 0 ||
-        SendData(batch.data(), static_cast<int>(filled * varlo_ipaddr::kSize)) != 0) {
-      return;
-    }
-    filled = 0;
+    if (batches.add(entry) != 0) return;
   }
-  header.count = static_cast<std::uint16_t>(filled);
-  header.prefix.last = true;
-  if (SendData(header.encode()) != 0) return;
-  SendData(batch.data(), static_cast<int>(filled * varlo_ipaddr::kSize));
+  batches.finish();
 }
 
 void VLWorker::changePassword() {

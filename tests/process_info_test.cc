@@ -24,19 +24,7 @@ namespace {
 
 const std::string kProc = std::string(VARLO_FIXTURES) + "/proc";
 
-// Keeps every block a reply hands over; refuses the block numbered refuseAt.
-struct BlockRecorder {
-  std::size_t refuseAt = std::numeric_limits<std::size_t>::max();
-  std::vector<Bytes> blocks;
-  std::size_t calls = 0;
-  RecordSink sink() {
-    return [this](const std::uint8_t* data, std::size_t len) {
-      if (calls++ == refuseAt) return -1;
-      blocks.emplace_back(data, data + len);
-      return 0;
-    };
-  }
-};
+using test_support::BlockRecorder;
 
 Bytes listHeader(int code, int last, int count) {
   Bytes h(14, 0);

@@ -5,12 +5,15 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <cstdint>
 #include <fstream>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "record_sink.h"
 #include "vllog.h"
 
 namespace test_support {
@@ -39,6 +42,20 @@ inline std::optional<std::string> slurp(const std::string& path) {
 inline void spit(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
+
+// Keeps every block a reply hands over; refuses the block numbered refuseAt.
+struct BlockRecorder {
+  std::size_t refuseAt = std::numeric_limits<std::size_t>::max();
+  std::vector<std::vector<std::uint8_t>> blocks;
+  std::size_t calls = 0;
+  RecordSink sink() {
+    return [this](const std::uint8_t* data, std::size_t len) {
+      if (calls++ == refuseAt) return -1;
+      blocks.emplace_back(data, data + len);
+      return 0;
+    };
+  }
+};
 
 // Points the process-wide log at a file of the test's own for its lifetime.
 class LogCapture {

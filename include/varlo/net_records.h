@@ -92,7 +92,7 @@ struct varlo_ipaddr {
   std::uint32_t netMask = 0;
   std::array<std::uint8_t, 6> hwAddr{};
 
-  void encodeAt(std::uint8_t* p) const {
+  void writeSlot(std::uint8_t* p) const {
     std::memset(p, 0, kSize);
     putU32(p + IpAddr::offset, ipAddr);
     putU32(p + GatewayAddr::offset, gatewayAddr);
