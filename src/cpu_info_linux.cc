@@ -160,7 +160,7 @@ int machineIDForName(std::string_view name) {
     std::initializer_list<std::string_view> names;
     int code;
   };
-  // The specific PowerBooks come before the general one.
+  // Named PowerBook models come before the general rule.
   static const Rule kRules[] = {
       {{"PowerMac7,2"}, 356},
       {{"PowerMac1,1", "PowerMac1,2", "PowerMac3,1"}, 351},
