@@ -30,14 +30,7 @@ const std::string kFilesystems = kFixtures + "/proc/filesystems";
 
 using test_support::BlockRecorder;
 
-Bytes listHeader(int code, int last, int count) {
-  Bytes h(14, 0);
-  h[1] = static_cast<std::uint8_t>(code);
-  h[2] = 1;
-  h[3] = static_cast<std::uint8_t>(last);
-  h[13] = static_cast<std::uint8_t>(count);
-  return h;
-}
+using test_support::listHeader;
 
 void put32(Bytes& b, std::size_t at, std::uint32_t v) {
   for (int i = 0; i < 4; ++i) b[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));

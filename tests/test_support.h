@@ -57,6 +57,18 @@ struct BlockRecorder {
   }
 };
 
+// A list header as the console reads it, written out byte by byte.
+inline std::vector<std::uint8_t> listHeader(int code, int last, int count) {
+  std::vector<std::uint8_t> h(14, 0);
+  h[0] = static_cast<std::uint8_t>(code >> 8);
+  h[1] = static_cast<std::uint8_t>(code);
+  h[2] = 1;
+  h[3] = static_cast<std::uint8_t>(last);
+  h[12] = static_cast<std::uint8_t>(count >> 8);
+  h[13] = static_cast<std::uint8_t>(count);
+  return h;
+}
+
 // Points the process-wide log at a file of the test's own for its lifetime.
 class LogCapture {
  public:
