@@ -455,8 +455,3 @@ bool CPrefs::launchBlocked() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return launchBlocked_ != 0;
 }
-
-std::vector<std::pair<std::int32_t, std::pair<std::string, std::string>>> CPrefs::locations()
-    const {
-  return {locations_.begin(), locations_.end()};
-}

@@ -93,7 +93,6 @@ class CPrefs {
   bool launchBlocked() const;
   const std::string& prefsPath() const { return prefsPath_; }
   const std::string& prefsFile() const { return prefsFile_; }
-  std::vector<std::pair<std::int32_t, std::pair<std::string, std::string>>> locations() const;
 
   static const std::vector<locationmap>& locationTable();
 

@@ -28,8 +28,6 @@ class VLForeman {
   // From the main thread: stop after the current wake-up.
   void exit();
 
-  std::size_t workerCount() const { return crew_.size(); }
-
  private:
   struct Hand {
     std::unique_ptr<VLWorker> worker;
