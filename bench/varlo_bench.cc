@@ -29,8 +29,8 @@
 #include <thread>
 #include <vector>
 
-#include "des_cipher.h"
-#include "unique_fd.h"
+#include "prefs/des_cipher.h"
+#include "base/unique_fd.h"
 #include "varlo/config_record.h"
 #include "varlo/net_records.h"
 #include "varlo/process_records.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "des_cipher.h"
-#include "unique_fd.h"
+#include "prefs/des_cipher.h"
+#include "base/unique_fd.h"
 #include "varlo/probe.h"
 #include "varlo/records.h"
 

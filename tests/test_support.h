@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "record_sink.h"
-#include "vllog.h"
+#include "session/record_sink.h"
+#include "core/vllog.h"
 
 namespace test_support {
 

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace varloctl_test {
 

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 #include "varloctl/ctl_error.h"
 #include "varloctl/resolver.h"
 #include "varloctl/wire_text.h"

@@ -1,35 +1,26 @@
 #include "varloctl/password_block.h"
 
-#include <cstring>
 #include <string>
 
-#include "des_cipher.h"
+#include "prefs/password_block.h"
 #include "varloctl/ctl_error.h"
 
 namespace varloctl {
 
 PasswordBlock::Block PasswordBlock::plain(std::string_view password, std::string_view what) {
-  if (password.size() > kMaxLength)
+  const auto block = password_block::plain(password);
+  if (!block)
     throw usageError(std::string(what) + " has " + std::to_string(password.size()) +
                      " characters; the agent takes at most 7");
-  Block b{};
-  b[0] = static_cast<std::uint8_t>(password.size());
-  std::memcpy(b.data() + 1, password.data(), password.size());
-  return b;
-}
-
-PasswordBlock::Block PasswordBlock::sealed(std::string_view password) {
-  const Block in = plain(password);
-  Block out{};
-  DesCipher::instance().encrypt(in.data(), out.data(), static_cast<int>(in.size()));
-  return out;
+  return *block;
 }
 
 varlo::varlo_cmd_header::Bytes PasswordBlock::header(std::uint16_t command,
                                                      std::string_view password) {
+  plain(password);  // the usage error for a password that does not fit
   varlo::varlo_cmd_header h;
   h.command = command;
-  h.passwordBlock = sealed(password);
+  h.passwordBlock = *password_block::seal(password);
   return h.encode();
 }
 

@@ -13,16 +13,13 @@ namespace varloctl {
 
 class PasswordBlock {
  public:
-  static constexpr std::size_t kMaxLength = 7;
   using Block = std::array<std::uint8_t, 8>;
 
   // Length byte, characters, zero padding. Throws a usage CtlError naming
   // `what` when the text does not fit.
   static Block plain(std::string_view password, std::string_view what = "the password");
 
-  // plain() enciphered with the agent's DES key, as the header carries it.
-  static Block sealed(std::string_view password);
-
+  // The command header, its password sealed as the agent expects.
   static varlo::varlo_cmd_header::Bytes header(std::uint16_t command, std::string_view password);
 };
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "base/unique_fd.h"
 #include "varlo/coding.h"
 
 namespace varloctl {

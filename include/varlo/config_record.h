@@ -7,11 +7,10 @@
 #include <string>
 
 #include "varlo/coding.h"
+#include "varlo/commands.h"
 #include "varlo/records.h"
 
 namespace varlo {
-
-inline constexpr std::uint16_t kConfigurationCommand = 1;
 
 struct varlo_config {
   static constexpr std::size_t kSize = kConfigRecordSize;

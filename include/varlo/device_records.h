@@ -9,12 +9,10 @@
 #include <string_view>
 
 #include "varlo/coding.h"
+#include "varlo/commands.h"
 #include "varlo/records.h"
 
 namespace varlo {
-
-inline constexpr std::uint16_t kScsiCommand = 5;
-inline constexpr std::uint16_t kPciCommand = 27;
 
 // Peripheral device type names, indexed by the type code of varlo_scsi.
 inline constexpr std::array<const char*, 14> kScsiDeviceTypes = {

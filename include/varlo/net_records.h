@@ -5,12 +5,10 @@
 #include <cstdint>
 
 #include "varlo/coding.h"
+#include "varlo/commands.h"
 #include "varlo/records.h"
 
 namespace varlo {
-
-inline constexpr std::uint16_t kNetworkingCommand = 2;
-inline constexpr std::uint16_t kIpAddressCommand = 28;
 
 // The first usable interface, in name order.
 struct varlo_net {

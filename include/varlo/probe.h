@@ -7,6 +7,7 @@
 #include <string>
 
 #include "varlo/coding.h"
+#include "varlo/version.h"
 
 namespace varlo {
 
@@ -16,7 +17,7 @@ inline constexpr std::uint16_t kAgentPort = 4347;
 struct varlo_probe_reply {
   static constexpr std::size_t kSize = 470;
   static constexpr std::size_t kOtherInterfaces = 10;
-  static constexpr std::uint32_t kAgentVersion = 0x560;  // 5.6.0, a digit a part
+  static constexpr std::uint32_t kAgentVersion = ::varlo::kAgentVersion;
   static constexpr std::uint16_t kOsType = 4;
   using Bytes = WireRecord<kSize>;
   using AgentVersion = Field<0, 4>;

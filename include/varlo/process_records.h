@@ -7,11 +7,10 @@
 #include <string>
 
 #include "varlo/coding.h"
+#include "varlo/commands.h"
 #include "varlo/records.h"
 
 namespace varlo {
-
-inline constexpr std::uint16_t kProcessesCommand = 3;
 
 // One process; batches of up to ten follow a varlo_list_header (the
 // varlo_procs header, its word 0).

@@ -103,6 +103,13 @@ struct varlo_manage {
   using Message = Field<68, 256>;
   static_assert(Message::end == kSize);
 
+  // A reply of the administrative commands: all zero but the prefix.
+  static Bytes reply(std::uint16_t command, bool success, bool last) {
+    Bytes r{};
+    ReplyPrefix{command, success, last, 0}.encodeInto(r);
+    return r;
+  }
+
   // The acknowledgement: all zero but the prefix and, when refused, the reason.
   static Bytes acknowledgement(bool success, std::string_view message = {}) {
     Bytes r{};

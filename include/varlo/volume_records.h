@@ -7,13 +7,10 @@
 #include <string>
 
 #include "varlo/coding.h"
+#include "varlo/commands.h"
 #include "varlo/records.h"
 
 namespace varlo {
-
-inline constexpr std::uint16_t kVolumesCommand = 4;
-inline constexpr std::uint16_t kLocalVolumesCommand = 25;
-inline constexpr std::uint16_t kHardDiskCommand = 26;
 
 // One disk or volume; batches of up to ten follow a varlo_list_header (the
 // varlo_volumes header, its word 0).

@@ -11,7 +11,7 @@
 
 #include <gmock/gmock.h>
 
-#include "prefs.h"
+#include "prefs/prefs.h"
 #include "sandbox/agent_test.h"
 
 namespace sandbox {

@@ -1,3 +1,0 @@
-#include "cpu_info.h"
-
-CpuInfo::~CpuInfo() = default;

@@ -1,0 +1,3 @@
+#include "inventory/cpu_info.h"
+
+CpuInfo::~CpuInfo() = default;

@@ -1,0 +1,69 @@
+#include "session/command_table.h"
+
+#include "admin/change_password_handler.h"
+#include "admin/dbms_key_handler.h"
+#include "admin/retrieve_notes_handler.h"
+#include "admin/store_notes_handler.h"
+#include "inventory/config_handler.h"
+#include "inventory/disks_handler.h"
+#include "inventory/ipaddrs_handler.h"
+#include "inventory/network_handler.h"
+#include "inventory/pci_handler.h"
+#include "inventory/processes_handler.h"
+#include "inventory/scsi_handler.h"
+#include "inventory/volumes_handler.h"
+#include "varlo/commands.h"
+#include "varlo/config_record.h"
+#include "varlo/records.h"
+
+namespace {
+
+using namespace varlo;
+
+constexpr std::size_t kList = varlo_list_header::kSize;
+constexpr std::size_t kManage = varlo_manage::kSize;
+
+// The texts are the log's: the two file commands end in a full stop, the
+// others do not.
+constexpr CommandRow kTable[] = {
+    {kConfigurationCommand, " received Configuration command", kConfigRecordSize, &sendConfigData},
+    {kNetworkingCommand, " received Networking command", kNetRecordSize, &sendNetworkData},
+    {kProcessesCommand, " received Processes command", kList, &sendProcessData},
+    {kVolumesCommand, " received Volumes command", kList, &sendVolumeData},
+    {kScsiCommand, " received SCSI command", kScsiRecordSize, &sendSCSIData},
+    {kApplicationsCommand, " received Applications command", kList, nullptr},
+    {kControlPanelsCommand, " received Control Panels command", kList, nullptr},
+    {kExtensionsCommand, " received Extensions command", kList, nullptr},
+    {kFontsCommand, " received Fonts command", kList, nullptr},
+    {kStartupItemsCommand, " received Startup Items command", kList, nullptr},
+    {kShutdownCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
+    {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
+    {kSyncClockCommand, " received Sync Clock command", kManage, nullptr},
+    {kQuitProcessCommand, " received Quit Process command", kManage, nullptr},
+    {kLaunchAppCommand, " received Launch App command", kManage, nullptr},
+    {kChangePasswordCommand, " received Change Password command", kManage, &changePassword},
+    {kSendFileCommand, " received Send File command.", kManage, nullptr},
+    {kSendFolderCommand, " received Send Folder command.", kManage, nullptr},
+    {kSendMessageCommand, " received Send Message command", kManage, nullptr},
+    {kStoreNotesCommand, " received Store Notes command", kManage, &storeNotes},
+    {kRetrieveNotesCommand, " received Retrieve Notes command", kManage, &sendNotes},
+    {kFileExtensionCommand, " received File Extension command", kExtensionsRecordSize, nullptr},
+    {kThroughputCommand, " received Throughput command", 0, nullptr},
+    {kLocalVolumesCommand, " received Volumes command", kList, &sendVolumeData},
+    {kHardDiskCommand, " received Hard Disk command", kList, &sendDiskData},
+    {kPciCommand, " received PCI command", kList, &sendPCIData},
+    {kIpAddressCommand, " received IP Address command", kList, &sendIPAddrs},
+    {kBackupProfilerCommand, " received Backup Profiler command", kList, nullptr},
+    {kAssignDbmsKeyCommand, " received Assign DBMS Key command", kManage, &assignDBMSKey},
+    {kUnservedManageCommand, nullptr, kManage, nullptr},
+};
+
+}  // namespace
+
+CommandTable commandTable() { return kTable; }
+
+const CommandRow* findCommand(CommandTable table, std::uint16_t code) {
+  for (const CommandRow& row : table)
+    if (row.code == code) return &row;
+  return nullptr;
+}

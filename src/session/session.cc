@@ -1,0 +1,182 @@
+#include "session/session.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <utility>
+
+#include "core/vllog.h"
+
+using namespace varlo;
+
+Session::Session(int socket, unsigned workerId, CPrefs& prefs)
+    : socket_(socket), workerId_(workerId), prefs_(prefs) {}
+
+Session::~Session() = default;
+
+std::string Session::who() const { return "Worker Thread: " + std::to_string(workerId_); }
+
+void Session::log(const std::string& line) const {
+  if (!stopRequested()) Log->LogMessage(line);
+}
+
+void Session::requestStop() {
+  if (!stop_.request_stop()) return;
+  // Wakes a transfer blocked on a slow or silent console; the descriptor
+  // stays ours until close().
+  if (socket_.valid()) ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+bool Session::waitFor(std::chrono::milliseconds duration) {
+  std::condition_variable_any wake;
+  std::unique_lock<std::mutex> lock(mutex_);
+  return !wake.wait_for(lock, stop_.get_token(), duration, [] { return false; });
+}
+
+void Session::finish() {
+  if (socket_.valid()) ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+void Session::close() {
+  if (!socket_.valid()) return;
+  ::shutdown(socket_.get(), SHUT_RDWR);
+  std::stringstream line;
+  if (::close(socket_.release()) == 0) {
+    line << who() << " successfully closed socket.";
+  } else {
+    line << who() << " could not close socket. Error: " << errno;
+  }
+  Log->LogMessage(line);
+}
+
+void Session::addChild(pid_t pid) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  children_.push_back(pid);
+}
+
+std::vector<pid_t> Session::takeChildren() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::exchange(children_, {});
+}
+
+int Session::SendData(const void* data, int len) {
+  if (!socket_.valid()) return -1;
+  if (len <= 0) return 0;
+  const auto* bytes = static_cast<const char*>(data);
+  int sent = 0;
+  while (sent < len) {
+    if (stopRequested()) return -1;
+    const ssize_t n = ::send(socket_.get(), bytes + sent, static_cast<std::size_t>(len - sent),
+                             MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      std::stringstream line;
+      line << who() << " failed to send data.  Error: " << errno;
+      log(line.str());
+      return -1;
+    }
+    sent += static_cast<int>(n);
+  }
+  return 0;
+}
+
+int Session::ReceiveData(void* out, int len) {
+  if (len <= 0) return -1;
+  if (!socket_.valid()) return -2;
+  // Staged, so that a record cut short leaves the caller's bytes as they were.
+  std::vector<char> buffer(static_cast<std::size_t>(len));
+  char* const staging = buffer.data();
+  int received = 0;
+  while (received < len) {
+    pollfd pfd{socket_.get(), POLLIN, 0};
+    int ready;
+    do {
+      ready = ::poll(&pfd, 1, 1000);
+    } while (ready < 0 && errno == EINTR);
+    if (stopRequested()) return -2;
+    const auto wanted = static_cast<std::size_t>(len - received);
+    ssize_t peeked = 0;
+    if (ready > 0) {
+      // The peek lands where the piece goes, so a record that arrives in
+      // several pieces is put together whole.
+      peeked = ::recv(socket_.get(), staging + received, wanted, MSG_PEEK);
+      if (peeked < 0) {
+        log("Error checking for received data. Error: " + std::to_string(errno));
+        return -2;
+      }
+    }
+    // A closed peer would otherwise make every wait return at once, forever.
+    if (ready <= 0 || peeked == 0) {
+      log("Worker " + std::to_string(workerId_) + " did not receive data in a timely manner");
+      return -2;
+    }
+    const ssize_t n = ::recv(socket_.get(), staging + received, static_cast<std::size_t>(peeked), 0);
+    if (n < 0) {
+      log("Error receiving data. Error: " + std::to_string(errno));
+      return -2;
+    }
+    received += static_cast<int>(n);
+  }
+  std::memcpy(out, staging, static_cast<std::size_t>(len));
+  return 0;
+}
+
+void Session::sendGoodACK() { SendData(varlo_manage::acknowledgement(true)); }
+
+void Session::sendBadACK(const std::string& message) {
+  SendData(varlo_manage::acknowledgement(false, message));
+}
+
+void Session::sendBadPassword(const varlo_cmd_header& header, std::size_t size) {
+  if (size == 0) return;
+  std::vector<std::uint8_t> record(size, 0);
+  WireRecord<ReplyPrefix::kSize> prefix{};
+  ReplyPrefix{header.command, false, true, ReplyPrefix::kPasswordRejected}.encodeInto(prefix);
+  std::memcpy(record.data(), prefix.data(), prefix.size());
+  SendData(record.data(), static_cast<int>(record.size()));
+}
+
+int Session::receiveFileData(std::ostream& out) {
+  constexpr std::uint32_t kPiece = 3072;
+  std::vector<char> piece(kPiece);
+  std::uint64_t total = 0;
+  for (;;) {
+    varlo_cmd_header::Bytes chunk{};
+    if (ReceiveData(chunk) != 0 || chunk[2] == 0) return -1;
+    const bool lastChunk = chunk[3] != 0;
+    WireRecord<4> lengthBytes{};
+    if (ReceiveData(lengthBytes) != 0) {
+      sendBadACK("Failed to receive data.");
+      return -1;
+    }
+    const std::uint32_t length = getU32(lengthBytes.data());
+    for (std::uint32_t remaining = length; remaining > 0;) {
+      const std::uint32_t n = remaining < kPiece ? remaining : kPiece;
+      if (ReceiveData(piece.data(), static_cast<int>(n)) != 0) {
+        sendBadACK("Failed to receive data.");
+        return -1;
+      }
+      out.write(piece.data(), n);
+      remaining -= n;
+    }
+    total += length;
+    sendGoodACK();
+    if (lastChunk) break;
+  }
+  sendGoodACK();
+  char line[64];
+  std::snprintf(line, sizeof line, "Received: %d bytes total", static_cast<int>(total));
+  log(line);
+  return 0;
+}
+
+RecordSink Session::sink() {
+  return [this](const std::uint8_t* data, std::size_t len) {
+    return SendData(data, static_cast<int>(len));
+  };
+}
