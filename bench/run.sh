@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Network benchmark: the agent against a trivial echo peer on loopback, in a
-# private network and mount namespace so that nothing of the host is touched.
-# Needs root (for the namespaces and the agent's port). Usage: bench/run.sh
+# Network benchmark: the agent against a trivial echo peer and against
+# net-snmp's snmpd on loopback, in a private network and mount namespace so
+# that nothing of the host is touched. Needs root (for the namespaces and the
+# agents' ports). Usage: bench/run.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "${1:-}" != "--inside" ]; then
-  ./scripts/deps.sh
+  ./scripts/deps.sh bench
   ./scripts/build.sh build-bench -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF
   exec unshare --mount --net --uts --pid --fork --mount-proc "$0" --inside
 fi
@@ -14,21 +15,72 @@ mount --make-rprivate /
 for d in /run /var/log /var/lib /var/tmp; do mount -t tmpfs tmpfs "$d"; done
 ip link set lo up
 bench=./build-bench/bench/varlo_bench
+# Everything started in the background here, the 2,000 idle processes below
+# included, is ended at exit; waiting for them instead would take minutes.
+trap 'kill -TERM $(jobs -p) 2>/dev/null; wait' EXIT
 ./build-bench/varlo nodaemon &
-agent=$!
 $bench echo-server 4348 &
-echo_pid=$!
-trap 'kill -TERM $agent 2>/dev/null; kill $echo_pid 2>/dev/null; wait' EXIT
+
+# snmpd answers on loopback only, reads no configuration but its own, and
+# keeps its persistent state in tmpfs.
+snmp=$(mktemp -d -p /var/tmp snmpd.XXXXXX)
+mkdir "$snmp/state"
+printf 'rocommunity public 127.0.0.1\n' >"$snmp/snmpd.conf"
+SNMP_PERSISTENT_DIR="$snmp/state" MIBS="" \
+  snmpd -f -C -c "$snmp/snmpd.conf" -Lo udp:127.0.0.1:161 >"$snmp/log" 2>&1 &
+snmpd_pid=$!
 sleep 0.5
+for try in $(seq 10); do
+  $bench snmp-get 127.0.0.1 161 1 >/dev/null && break
+  if [ "$try" -eq 10 ] || ! kill -0 "$snmpd_pid" 2>/dev/null; then
+    echo "snmpd does not answer:" >&2
+    cat "$snmp/log" >&2
+    exit 1
+  fi
+done
+
+# Runs one varlo_bench measurement, shows it, and keeps its figures line.
+figures=""
+measure() {
+  local out
+  out=$($bench "$@") || true
+  printf '%s\n' "$out"
+  figures=$(printf '%s\n' "$out" | grep -o 'p50_us=.*' | tail -n 1)
+}
+# ratio FIGURES_A FIGURES_B KEY: A's KEY over B's, two decimals.
+ratio() {
+  awk -v a="$1" -v b="$2" -v k="$3" '
+    function get(s, k,   n, i, f, kv) {
+      n = split(s, f, " ")
+      for (i = 1; i <= n; i++) { split(f[i], kv, "="); if (kv[1] == k) return kv[2] }
+      return ""
+    }
+    BEGIN {
+      x = get(a, k); y = get(b, k)
+      if (x == "" || y == "" || y + 0 == 0) print "n/a"; else printf "%.2f\n", x / y
+    }'
+}
 
 echo "== probe: agent (port 4347), then echo peer (4348)"
-$bench probe 127.0.0.1 4347 5000
-$bench probe 127.0.0.1 4348 5000
+measure probe 127.0.0.1 4347 5000
+probe_agent=$figures
+measure probe 127.0.0.1 4348 5000
+echo "== SNMPv2c GET of sysName.0: snmpd (port 161)"
+measure snmp-get 127.0.0.1 161 5000 public
+snmp_get=$figures
+echo "probe / snmpd GET p50 ratio: $(ratio "$probe_agent" "$snmp_get" p50_us)" \
+  " mean ratio: $(ratio "$probe_agent" "$snmp_get" mean_us)"
+
 for c in 1 8 64; do
   echo "== IP Address sessions, $c concurrent: agent, then echo peer"
-  $bench sessions 127.0.0.1 4347 "$c" 5
-  $bench sessions 127.0.0.1 4348 "$c" 5
+  measure sessions 127.0.0.1 4347 "$c" 5
+  sessions_agent=$figures
+  measure sessions 127.0.0.1 4348 "$c" 5
+  sessions_echo=$figures
 done
+echo "sessions 64 clients agent/echo ratio: p50 $(ratio "$sessions_agent" "$sessions_echo" p50_us)" \
+  " mean $(ratio "$sessions_agent" "$sessions_echo" mean_us)" \
+  " sessions/s $(ratio "$sessions_agent" "$sessions_echo" per_s)"
 
 echo "== Configuration sessions (no process is started per command)"
 $bench sessions 127.0.0.1 4347 1 3 1

@@ -1,8 +1,11 @@
-// Load generator for the agent on loopback, and the trivial echo peer it is
-// measured against: the same client code, the same machine, the same run.
+// Load generator for the agent on loopback, and the peers it is measured
+// against: the same client code, the same machine, the same run.
 //
 //   varlo_bench echo-server PORT          UDP and TCP echo on PORT
 //   varlo_bench probe HOST PORT N         N probe round trips, one at a time
+//   varlo_bench snmp-get HOST PORT N [COMMUNITY]
+//                                         N SNMPv2c GETs of sysName.0, one at
+//                                         a time (community "public" unless given)
 //   varlo_bench sessions HOST PORT C SECS [CODE]
 //                                         C clients in a loop of sessions
 //   varlo_bench run N CMD [ARGS...]       runs a command N times, output dropped
@@ -10,6 +13,10 @@
 // A session is one command: IP Address (28, the default) or Processes (3),
 // a header then list batches until the last; or Configuration (1), one
 // record. Against the echo peer it is a 12-byte header echoed back.
+//
+// Every measurement ends with a line of its figures for scripts to read:
+//   p50_us=... p99_us=... mean_us=... per_s=... n=...
+// probe and snmp-get exit 1 when not one request was answered.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -25,6 +32,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -66,8 +74,13 @@ void report(const char* what, std::vector<double>& micros, double seconds) {
   auto pct = [&](double p) {
     return micros.empty() ? 0.0 : micros[static_cast<std::size_t>(p * (micros.size() - 1))];
   };
+  double sum = 0;
+  for (const double m : micros) sum += m;
+  const double mean = micros.empty() ? 0.0 : sum / micros.size();
   std::printf("%s: %zu in %.2f s = %.0f/s  p50 %.1f us  p99 %.1f us\n", what, micros.size(),
               seconds, micros.size() / seconds, pct(0.50), pct(0.99));
+  std::printf("  p50_us=%.2f p99_us=%.2f mean_us=%.2f per_s=%.1f n=%zu\n", pct(0.50), pct(0.99),
+              mean, micros.size() / seconds, micros.size());
 }
 
 int echoServer(int port) {
@@ -105,26 +118,167 @@ int echoServer(int port) {
   }
 }
 
-int probe(const char* host, int port, int count) {
+// What a datagram received while waiting for the reply to request i is.
+enum class Reply {
+  kAnswer,  // the reply to request i
+  kStale,   // a late reply to an earlier request, which had been given up on
+  kWrong,   // anything else: request i is counted unanswered
+};
+
+// One kind of request/reply exchange over UDP.
+struct Exchange {
+  const char* what;  // names the report
+  const char* noun;  // what goes unanswered, plural
+  std::function<void(int i, std::vector<std::uint8_t>& datagram)> make;
+  std::function<Reply(int i, const std::uint8_t* reply, std::size_t size)> check;
+};
+
+// Sends count requests one at a time, each given a second for its reply.
+int roundTrips(const char* host, int port, int count, const Exchange& x) {
   UniqueFd fd(socket(AF_INET, SOCK_DGRAM, 0));
   const sockaddr_in sa = addressOf(host, port);
-  std::vector<std::uint8_t> datagram(varlo::varlo_probe_reply::kSize, 0), reply(2048);
+  std::vector<std::uint8_t> datagram, reply(2048);
   std::vector<double> micros;
   int lost = 0;
   const auto start = Clock::now();
   for (int i = 0; i < count; ++i) {
+    x.make(i, datagram);
     const auto t0 = Clock::now();
+    const auto giveUp = t0 + std::chrono::seconds(1);
     sendto(fd.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&sa), sizeof sa);
-    pollfd p{fd.get(), POLLIN, 0};
-    if (poll(&p, 1, 1000) <= 0 || recv(fd.get(), reply.data(), reply.size(), 0) != 470) {
+    Reply verdict = Reply::kWrong;
+    for (;;) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(giveUp - Clock::now());
+      pollfd p{fd.get(), POLLIN, 0};
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+      const ssize_t n = recv(fd.get(), reply.data(), reply.size(), 0);
+      verdict = n < 0 ? Reply::kWrong : x.check(i, reply.data(), static_cast<std::size_t>(n));
+      if (verdict != Reply::kStale) break;
+    }
+    if (verdict != Reply::kAnswer) {
       ++lost;
       continue;
     }
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
   }
-  report("probe round trips", micros, std::chrono::duration<double>(Clock::now() - start).count());
-  if (lost) std::printf("  %d probes unanswered\n", lost);
-  return 0;
+  report(x.what, micros, std::chrono::duration<double>(Clock::now() - start).count());
+  if (lost) std::printf("  %d %s unanswered\n", lost, x.noun);
+  return micros.empty() && count > 0 ? 1 : 0;
+}
+
+int probe(const char* host, int port, int count) {
+  // A probe carries no sequence number: any reply of the right size is taken.
+  return roundTrips(host, port, count,
+                    {"probe round trips", "probes",
+                     [](int, std::vector<std::uint8_t>& d) { d.assign(varlo::varlo_probe_reply::kSize, 0); },
+                     [](int, const std::uint8_t*, std::size_t n) {
+                       return n == varlo::varlo_probe_reply::kSize ? Reply::kAnswer : Reply::kWrong;
+                     }});
+}
+
+// SNMPv2c GetRequest for sysName.0, BER by hand:
+//   30 L  02 01 01  04 Lc community
+//         A0 1C  02 04 <request-id>  02 01 00  02 01 00
+//                30 0E  30 0C  06 08 2B 06 01 02 01 01 05 00  05 00
+// Request ids start at 0x10000000 so that they always take exactly four
+// bytes, as BER's shortest form of a positive INTEGER; the datagram then
+// keeps one size and the id is patched in place.
+constexpr std::uint32_t kFirstRequestId = 0x10000000;
+
+std::vector<std::uint8_t> snmpGetSysName(const std::string& community) {
+  const std::uint8_t pdu[] = {0xA0, 0x1C, 0x02, 0x04, 0, 0, 0, 0, 0x02, 0x01, 0x00, 0x02, 0x01, 0x00,
+                              0x30, 0x0E, 0x30, 0x0C, 0x06, 0x08, 0x2B, 0x06, 0x01, 0x02, 0x01, 0x01,
+                              0x05, 0x00, 0x05, 0x00};
+  static_assert(sizeof pdu == 2 + 0x1C);
+  const std::uint8_t head[] = {0x30, static_cast<std::uint8_t>(5 + community.size() + sizeof pdu),
+                               0x02, 0x01, 0x01, 0x04, static_cast<std::uint8_t>(community.size())};
+  std::vector<std::uint8_t> d(sizeof head + community.size() + sizeof pdu);
+  std::memcpy(d.data(), head, sizeof head);
+  std::memcpy(d.data() + sizeof head, community.data(), community.size());
+  std::memcpy(d.data() + sizeof head + community.size(), pdu, sizeof pdu);
+  return d;
+}
+
+// One BER element: its tag and where its contents lie.
+struct Ber {
+  std::uint8_t tag = 0;
+  const std::uint8_t* body = nullptr;
+  std::size_t size = 0;
+};
+
+// Reads the element at p (before end) and moves p past it; false when it
+// does not fit. Tags of one byte and definite lengths, as SNMP uses.
+bool nextBer(const std::uint8_t*& p, const std::uint8_t* end, Ber& out) {
+  if (end - p < 2) return false;
+  out.tag = *p++;
+  std::size_t size = *p++;
+  if (size & 0x80) {
+    const std::size_t bytes = size & 0x7F;
+    if (bytes == 0 || bytes > 4 || static_cast<std::size_t>(end - p) < bytes) return false;
+    size = 0;
+    for (std::size_t k = 0; k < bytes; ++k) size = size << 8 | *p++;
+  }
+  if (static_cast<std::size_t>(end - p) < size) return false;
+  out.body = p;
+  out.size = size;
+  p += size;
+  return true;
+}
+
+bool berInteger(const Ber& e, std::int64_t& value) {
+  if (e.tag != 0x02 || e.size == 0 || e.size > 4) return false;
+  value = static_cast<std::int8_t>(e.body[0]);
+  for (std::size_t k = 1; k < e.size; ++k) value = value * 256 + e.body[k];
+  return true;
+}
+
+// A GetResponse to request i, without error, whose one value is an OCTET
+// STRING (not an exception such as noSuchObject).
+Reply checkGetResponse(int i, const std::uint8_t* reply, std::size_t n) {
+  const std::uint8_t* p = reply;
+  Ber message, version, community, pdu;
+  if (!nextBer(p, reply + n, message) || message.tag != 0x30) return Reply::kWrong;
+  p = message.body;
+  const std::uint8_t* end = message.body + message.size;
+  std::int64_t v = 0;
+  if (!nextBer(p, end, version) || !berInteger(version, v) || v != 1) return Reply::kWrong;
+  if (!nextBer(p, end, community) || community.tag != 0x04) return Reply::kWrong;
+  if (!nextBer(p, end, pdu) || pdu.tag != 0xA2) return Reply::kWrong;
+  p = pdu.body;
+  end = pdu.body + pdu.size;
+  Ber id, status, index, list, bind, name, value;
+  std::int64_t requestId = 0, errorStatus = 0;
+  if (!nextBer(p, end, id) || !berInteger(id, requestId)) return Reply::kWrong;
+  const std::int64_t expected = kFirstRequestId + static_cast<std::uint32_t>(i);
+  if (requestId >= kFirstRequestId && requestId < expected) return Reply::kStale;
+  if (requestId != expected) return Reply::kWrong;
+  if (!nextBer(p, end, status) || !berInteger(status, errorStatus) || errorStatus != 0)
+    return Reply::kWrong;
+  if (!nextBer(p, end, index) || !nextBer(p, end, list) || list.tag != 0x30) return Reply::kWrong;
+  p = list.body;
+  if (!nextBer(p, list.body + list.size, bind) || bind.tag != 0x30) return Reply::kWrong;
+  p = bind.body;
+  end = bind.body + bind.size;
+  if (!nextBer(p, end, name) || name.tag != 0x06 || !nextBer(p, end, value) || value.tag != 0x04)
+    return Reply::kWrong;
+  return Reply::kAnswer;
+}
+
+int snmpGet(const char* host, int port, int count, const std::string& community) {
+  if (community.size() > 64) {
+    std::fprintf(stderr, "snmp-get: community longer than 64 bytes\n");
+    return 2;
+  }
+  const std::vector<std::uint8_t> request = snmpGetSysName(community);
+  const std::size_t idAt = request.size() - 30 + 4;  // the PDU's last 30 bytes, after A0 1C 02 04
+  return roundTrips(host, port, count,
+                    {"snmp get round trips", "requests",
+                     [&](int i, std::vector<std::uint8_t>& d) {
+                       d = request;
+                       const std::uint32_t id = kFirstRequestId + static_cast<std::uint32_t>(i);
+                       for (int k = 0; k < 4; ++k) d[idAt + k] = static_cast<std::uint8_t>(id >> (24 - 8 * k));
+                     },
+                     checkGetResponse});
 }
 
 // Size of one list entry of the command, or 0 for a single-record reply.
@@ -224,12 +378,14 @@ int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "echo-server" && argc == 3) return echoServer(std::atoi(argv[2]));
   if (mode == "probe" && argc == 5) return probe(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
+  if (mode == "snmp-get" && (argc == 5 || argc == 6))
+    return snmpGet(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argc == 6 ? argv[5] : "public");
   if (mode == "sessions" && (argc == 6 || argc == 7))
     return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]),
                     static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : 28));
   if (mode == "run" && argc >= 4) return runCommand(std::atoi(argv[2]), argv + 3);
   std::fprintf(stderr,
                "usage: varlo_bench echo-server PORT | probe HOST PORT N | "
-               "sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...]\n");
+               "snmp-get HOST PORT N [COMMUNITY] | sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...]\n");
   return 2;
 }

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, if any is missing.
+# With the argument "bench", also the peers bench/run.sh measures the agent
+# against (net-snmp's snmpd).
 set -euo pipefail
 
 packages=(
@@ -8,6 +10,12 @@ packages=(
   libgtest-dev libgmock-dev
   util-linux procps
 )
+if [ "${1:-}" = "bench" ]; then
+  # Debian's snmpd package enables and, where an init system runs, starts its
+  # own system service on the host's loopback; the benchmark runs a separate
+  # snmpd of its own inside a private network namespace.
+  packages+=(snmpd)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
