@@ -37,8 +37,8 @@
 #include <thread>
 #include <vector>
 
-#include "prefs/des_cipher.h"
 #include "base/unique_fd.h"
+#include "prefs/password_block.h"
 #include "varlo/config_record.h"
 #include "varlo/net_records.h"
 #include "varlo/process_records.h"
@@ -315,8 +315,7 @@ int sessions(const char* host, int port, int clients, double seconds, std::uint1
   const sockaddr_in sa = addressOf(host, port);
   varlo::varlo_cmd_header h;
   h.command = code;
-  DesCipher::Block empty{};
-  DesCipher::instance().encrypt(empty.data(), h.passwordBlock.data(), 8);
+  h.passwordBlock = *password_block::seal("");
   const auto header = h.encode();
 
   std::vector<std::vector<double>> perClient(static_cast<std::size_t>(clients));
