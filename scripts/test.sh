@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test twice: once plainly,
-# once under AddressSanitizer and UndefinedBehaviorSanitizer. Any failure or
-# sanitizer report fails the run.
+# Installs what is missing, builds, and runs every test plainly, then under
+# AddressSanitizer and UndefinedBehaviorSanitizer, then the thread core under
+# ThreadSanitizer. Any failure or sanitizer report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/deps.sh
@@ -17,5 +17,16 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=halt_on_error=1:abort_on_error=0:detect_leaks=1:exitcode=66
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== ThreadSanitizer: the thread core's unit tests, then the plain end-to-end driver against a ThreadSanitizer agent"
+# A driver built with ThreadSanitizer cannot enter the namespaces (its
+# forked children are refused once the sanitizer has started a thread), so
+# the sandboxed tests drive the sanitized agent from the plain driver.
+./scripts/build.sh build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_TSAN=ON
+export TSAN_OPTIONS="halt_on_error=1:exitcode=66:second_deadlock_stack=1"
+build-tsan/tests/varlo_tests --gtest_brief=1 \
+  --gtest_filter='VLBuffer*:Semaphore*:CHeartBeat*:VLForeman*:WorkerSession*:HostDescription*:*MountProbe*'
+VARLO_AGENT="$PWD/build-tsan/varlo" VARLO_EXTRA_THREADS=1 build/tests/varlo_e2e_tests --gtest_brief=1
+unset TSAN_OPTIONS
 
 echo "== all tests passed"

@@ -1,6 +1,7 @@
 // The agent's entry: foreground ("nodaemon") or daemon mode, the signal
 // handling, and the wait for a quit signal.
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,6 +62,9 @@ int runCore(LoginListener* listener) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
+  // Whatever the launcher left open beyond 0, 1 and 2 is not ours to hand
+  // on to the children of the actions.
+  close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
 
   std::unique_ptr<LoginListener> listener = setLoginListener();
 

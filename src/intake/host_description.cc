@@ -97,6 +97,11 @@ HostDescription::HostDescription(CPrefs& prefs, Sources sources)
         }
       },
       64 * 1024);
+  // Resolved before the first probe can ask, unless the name service is slow.
+  utsname un{};
+  ::uname(&un);
+  un.nodename[31] = '\0';
+  resolveIfChanged(un.nodename);
   if (wake_.valid()) {
     try {
       watcher_ = Thread([this] { watch(); }, 128 * 1024);

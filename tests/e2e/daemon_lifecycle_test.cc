@@ -85,7 +85,7 @@ std::string linkInside(Sandbox& box, const std::string& link) {
 
 TEST_F(AgentTest, ForegroundRunLogsStartupAndWholeShutdownAndRemovesPidFile) {
   // Words after the first are ignored.
-  Process agent = box().spawn({kAgent, "nodaemon", "ignored"});
+  Process agent = box().spawn({kAgent.c_str(), "nodaemon", "ignored"});
   ASSERT_TRUE(waitUntil([&] { return readFile(box().hostPath(kPidFile)).has_value(); },
                         std::chrono::seconds(10)))
       << agent.output();

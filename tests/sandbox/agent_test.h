@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -18,13 +19,29 @@ namespace sandbox {
 
 class AgentTest : public ::testing::Test {
  protected:
-  static constexpr const char* kAgent = VARLO_BINARY_DIR "/varlo";
+  // The agent under test: this build's, or the one VARLO_AGENT names (the
+  // ThreadSanitizer build's, driven by this plain test driver).
+  static inline const std::string kAgent = [] {
+    const char* other = std::getenv("VARLO_AGENT");
+    return std::string(other != nullptr ? other : VARLO_BINARY_DIR "/varlo");
+  }();
+  // Threads of the agent's own making besides the sanitizer's (ThreadSanitizer
+  // runs one more): VARLO_EXTRA_THREADS says how many such extra threads to expect.
+  static std::size_t extraThreads() {
+    const char* n = std::getenv("VARLO_EXTRA_THREADS");
+    return n != nullptr ? static_cast<std::size_t>(std::atoi(n)) : 0;
+  }
   static constexpr const char* kCtl = VARLO_BINARY_DIR "/varloctl";
   static constexpr const char* kLog = "/var/log/Varlo.log";
   static constexpr const char* kPidFile = "/var/run/varlo.pid";
 
   // Tests that need another host name or hosts file change these first.
-  virtual Options sandboxOptions() const { return Options{{VARLO_BINARY_DIR}}; }
+  virtual Options sandboxOptions() const {
+    Options o{{VARLO_BINARY_DIR}};
+    if (kAgent.rfind(VARLO_BINARY_DIR "/", 0) != 0)
+      o.readOnlyBinds.push_back(kAgent.substr(0, kAgent.rfind('/')));
+    return o;
+  }
 
   void SetUp() override {
     box_ = std::make_unique<Sandbox>(sandboxOptions());

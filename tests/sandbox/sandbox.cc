@@ -120,7 +120,7 @@ class RootBuilder {
     const std::string own = root_ + "/.sandbox";
     if (!mkdirs(own)) return failure("mkdir /.sandbox");
     const std::pair<const char*, std::string> files[] = {{"/etc/hosts", options.hosts},
-                                                         {"/etc/resolv.conf", ""}};
+                                                         {"/etc/resolv.conf", options.resolvConf}};
     for (const auto& [path, content] : files) {
       struct stat st{};
       if (lstat(path, &st) != 0 || !S_ISREG(st.st_mode)) continue;
@@ -300,7 +300,7 @@ Process Sandbox::spawn(const std::vector<std::string>& argv,
 
   std::vector<std::string> env = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                                   "HOME=/root", "LANG=C"};
-  for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+  for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"})
     if (const char* v = std::getenv(keep)) env.push_back(std::string(keep) + "=" + v);
   env.insert(env.end(), extraEnv.begin(), extraEnv.end());
   std::vector<char*> args, envp;
@@ -320,7 +320,7 @@ Process Sandbox::spawn(const std::vector<std::string>& argv,
       if (fchdir(root) != 0 || chroot(".") != 0 || chdir("/") != 0) _exit(126);
       dup2(out[1], 1);
       dup2(out[1], 2);
-      const int devnull = open("/dev/null", O_RDONLY);
+      const int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
       if (devnull >= 0) dup2(devnull, 0);
       execve(args[0], args.data(), envp.data());
       _exit(127);

@@ -24,6 +24,7 @@ struct Options {
   // the sandbox: it has no name server.
   std::string hostName = "varlo-sandbox";
   std::string hosts = "127.0.0.1\tlocalhost\n::1\tlocalhost\n";
+  std::string resolvConf;
 };
 
 // A process started inside the sandbox. Its standard output and error are
