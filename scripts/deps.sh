@@ -8,6 +8,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   libssl-dev libsystemd-dev libmnl-dev libpci-dev
   libgtest-dev libgmock-dev
+  libfuse3-dev fuse3
   util-linux procps
 )
 if [ "${1:-}" = "bench" ]; then

@@ -29,9 +29,9 @@ void VLForeman::run() {
 void VLForeman::hire() {
   VLBuffer::connInfo conn;
   if (!buffer_.pop(conn)) return;
-  VLWorker::task task{conn.socket, conn.peer, std::move(conn.data)};
+  VLWorker::task handed{conn.socket, conn.peer, std::move(conn.data)};
   auto worker = std::make_unique<VLWorker>(nullptr, table_);
-  worker->init(&task);
+  worker->init(&handed);
   try {
     Thread thread([w = worker.get()] { w->run(); });
     crew_.push_back(Hand{std::move(worker), std::move(thread)});

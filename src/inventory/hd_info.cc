@@ -69,9 +69,9 @@ std::uint64_t product(std::uint64_t a, std::uint64_t b) {
 MountProbe MountProbe::system(std::stop_token stop) {
   MountProbe p;
   p.isDirectory = [stop](const std::string& path) -> std::optional<bool> {
-    const auto answer = CMountProbe::instance().stat(path, stop);
+    const auto answer = CMountProbe::instance().isDirectory(path, stop);
     if (answer.status == CMountProbe::Status::kUnreachable) return std::nullopt;
-    return answer.status == CMountProbe::Status::kOk && S_ISDIR(answer.value.st_mode);
+    return answer.ok() && answer.value;
   };
   p.statvfs = [stop](const std::string& path, struct statvfs& out) {
     const auto answer = CMountProbe::instance().statvfs(path, stop);

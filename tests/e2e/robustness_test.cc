@@ -161,3 +161,59 @@ TEST_F(AgentTest, DaemonHasDevNullOnItsStandardDescriptorsAndEverythingElseClose
 
 }  // namespace
 }  // namespace sandbox
+
+#ifdef VARLO_SLOW_FS
+namespace sandbox {
+namespace {
+
+// A remote mount whose server is gone: every call on it hangs.
+TEST_F(AgentTest, DeadRemoteMountCostsVolumesItsBoundAndNothingElse) {
+  sh("mkdir -p /mnt/remote");
+  Process server = box().spawn({VARLO_SLOW_FS, "--hang-getattr", "forever", "/mnt/remote"});
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        return readFile(box().hostPath("/proc/1/mountinfo")).value_or("").find("fuse.sshfs") !=
+               std::string::npos;
+      },
+      3000ms));
+  Process agent = startAgent();
+
+  // Another session is served while Volumes waits on the dead mount.
+  std::optional<Sandbox::Result> volumes;
+  const auto before = Clock::now();
+  std::thread asking([&] { volumes = ctl({"--json", "127.0.0.1", "volumes"}); });
+  std::this_thread::sleep_for(300ms);
+  const auto ipStart = Clock::now();
+  EXPECT_EQ(ctl({"127.0.0.1", "ipaddrs"}).exitCode, 0);
+  EXPECT_LT(Clock::now() - ipStart, 1000ms);
+  asking.join();
+  EXPECT_LT(Clock::now() - before, 2000ms);
+  ASSERT_TRUE(volumes.has_value());
+  EXPECT_EQ(volumes->exitCode, 0) << volumes->output;
+  EXPECT_THAT(volumes->output, ::testing::HasSubstr("\"name\": \"/mnt/remote\",\n"
+                                                    "    \"remote\": true,\n"
+                                                    "    \"total_mib\": \"0.0\",\n"
+                                                    "    \"free_mib\": \"0.0\""));
+
+  // Asked again, the dead mount is answered at once; the local list never asks it.
+  for (const bool local : {false, true}) {
+    const auto start = Clock::now();
+    const auto r = local ? ctl({"127.0.0.1", "volumes", "local"}) : ctl({"127.0.0.1", "volumes"});
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_LT(Clock::now() - start, 1000ms) << local;
+    EXPECT_EQ(r.output.find("/mnt/remote") == std::string::npos, local) << r.output;
+  }
+
+  // Shutdown does not wait for the call still blocked in the mount.
+  const auto stopStart = Clock::now();
+  agent.signal(SIGTERM);
+  EXPECT_TRUE(waitUntil([&] { return contains(logMessages(), "Shutdown completed"); }, 2000ms));
+  EXPECT_LT(Clock::now() - stopStart, 2000ms);
+  // A thread blocked in FUSE ends only when its server does.
+  server.signal(SIGTERM);
+  EXPECT_TRUE(agent.wait(5000ms).has_value());
+}
+
+}  // namespace
+}  // namespace sandbox
+#endif

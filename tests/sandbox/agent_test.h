@@ -37,7 +37,8 @@ class AgentTest : public ::testing::Test {
 
   // Tests that need another host name or hosts file change these first.
   virtual Options sandboxOptions() const {
-    Options o{{VARLO_BINARY_DIR}};
+    Options o;
+    o.readOnlyBinds = {VARLO_BINARY_DIR};
     if (kAgent.rfind(VARLO_BINARY_DIR "/", 0) != 0)
       o.readOnlyBinds.push_back(kAgent.substr(0, kAgent.rfind('/')));
     return o;

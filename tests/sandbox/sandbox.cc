@@ -167,6 +167,9 @@ class RootBuilder {
     // the file system, not the device behind the node.
     for (const char* node : {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"})
       if (auto e = bindReadOnly(node); !e.empty()) return e;
+    // For tests that mount a FUSE file system inside; hosts without it skip them.
+    if (struct stat st{}; stat("/dev/fuse", &st) == 0 && S_ISCHR(st.st_mode))
+      if (auto e = bindReadOnly("/dev/fuse"); !e.empty()) return e;
     const std::string shm = root_ + "/dev/shm";
     if (!mkdirs(shm) || mount("tmpfs", shm.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0)
       return failure("tmpfs /dev/shm");
