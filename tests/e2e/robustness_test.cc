@@ -38,12 +38,14 @@ TEST_F(AgentTest, ShutdownStopsRunningCommandsAtOnceAndTheyWriteNothingMore) {
   ASSERT_TRUE(notes.sendHeader(varlo::kRetrieveNotesCommand, ""));
   ConsoleEnd more = ConsoleEnd::connectTo();
   ASSERT_TRUE(more.sendHeader(varlo::kRetrieveNotesCommand, ""));
+  // The foreman is worker 0: the connections' workers are 1 and 2.
   ASSERT_TRUE(waitUntil(
-      [&] { return contains(logMessages(), "Worker Thread: 2 received Retrieve Notes command"); },
+      [&] {
+        const auto lines = logMessages();
+        return contains(lines, "Worker Thread: 1 received Retrieve Notes command") &&
+               contains(lines, "Worker Thread: 2 received Retrieve Notes command");
+      },
       3000ms));
-  const auto first = logMessages();
-  EXPECT_TRUE(contains(first, "Worker Thread: 1 received Retrieve Notes command"))
-      << "the foreman is worker 0; the first connection's worker is 1";
 
   const auto before = Clock::now();
   EXPECT_EQ(stopAgent(agent), 0);
