@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "varlo/records.h"
 #include "varloctl/ctl_error.h"
@@ -31,6 +32,38 @@ class Command {
       throw CtlError(kWrongPassword, "wrong password");
     return r;
   }
+
+  // Every entry of a batched list: list headers, each followed by its
+  // entries, up to the one marked last. noun names the entries in errors;
+  // maxEntries only stops a runaway peer.
+  template <typename Entry>
+  static std::vector<Entry> receiveList(Session& session, const std::string& failure,
+                                        const std::string& noun,
+                                        std::size_t maxEntries = kMaxListEntries) {
+    using varlo::varlo_list_header;
+    const std::size_t maxBatches = maxEntries / Entry::kBatch + 1;
+    std::vector<Entry> list;
+    for (std::size_t batch = 0;; ++batch) {
+      if (batch == maxBatches)
+        throw CtlError(kBadReply, "the agent sent more than " + std::to_string(maxBatches) +
+                                      " batches of " + noun + " without a last one");
+      const auto bytes = batch == 0 ? receiveFirstReply<varlo_list_header::kSize>(session)
+                                    : session.receive<varlo_list_header::kSize>();
+      requireSuccess(bytes, failure);
+      const auto header = varlo_list_header::decode(bytes);
+      if (list.size() + header.count > maxEntries)
+        throw CtlError(kBadReply,
+                       "the agent announced more than " + std::to_string(maxEntries) + " " + noun);
+      for (std::uint16_t i = 0; i < header.count; ++i) {
+        const auto entry = session.receive<Entry::kSize>();
+        list.push_back(Entry::decodeAt(entry.data()));
+      }
+      if (header.prefix.last) return list;
+    }
+  }
+
+  // A sane agent sends a handful of disks, volumes, devices or addresses.
+  static constexpr std::size_t kMaxListEntries = 65536;
 
   // Throws a failure CtlError with `failure` when the success byte is 0.
   template <std::size_t N>

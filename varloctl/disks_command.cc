@@ -10,7 +10,8 @@ std::unique_ptr<Command> DisksCommand::make(const std::vector<std::string>&) {
 
 Value DisksCommand::run(Session& session) {
   Value list = Value::array();
-  for (const auto& d : VolumesCommand::receiveList(session, "the agent could not list its disks"))
+  for (const auto& d :
+       receiveList<varlo::varlo_volume>(session, "the agent could not list its disks", "disks"))
     list.push(describe(d));
   return list;
 }

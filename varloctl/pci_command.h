@@ -12,10 +12,6 @@ namespace varloctl {
 
 class PciCommand : public Command {
  public:
-  // A sane agent sends a few dozen; these only stop a runaway peer.
-  static constexpr std::size_t kMaxBatches = 8192;
-  static constexpr std::size_t kMaxEntries = 65536;
-
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   std::uint16_t code() const override { return varlo::kPciCommand; }
   Value run(Session& session) override;

@@ -15,7 +15,6 @@ class ProcessesCommand : public Command {
   // No machine runs more processes than the largest pid_max; these only stop
   // a runaway peer.
   static constexpr std::size_t kMaxEntries = 4194304;
-  static constexpr std::size_t kMaxBatches = kMaxEntries / varlo::varlo_proc::kBatch + 1;
 
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   std::uint16_t code() const override { return varlo::kProcessesCommand; }

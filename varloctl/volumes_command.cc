@@ -10,34 +10,10 @@ std::unique_ptr<Command> VolumesCommand::makeLocal(const std::vector<std::string
   return std::make_unique<VolumesCommand>(true);
 }
 
-std::vector<varlo::varlo_volume> VolumesCommand::receiveList(Session& session,
-                                                             const std::string& failure) {
-  using varlo::varlo_list_header;
-  using varlo::varlo_volume;
-  std::vector<varlo_volume> list;
-  for (std::size_t batch = 0;; ++batch) {
-    if (batch == kMaxBatches)
-      throw CtlError(kBadReply, "the agent sent more than " + std::to_string(kMaxBatches) +
-                                    " batches without a last one");
-    const auto bytes = batch == 0 ? receiveFirstReply<varlo_list_header::kSize>(session)
-                                  : session.receive<varlo_list_header::kSize>();
-    requireSuccess(bytes, failure);
-    const auto header = varlo_list_header::decode(bytes);
-    if (list.size() + header.count > kMaxEntries)
-      throw CtlError(kBadReply,
-                     "the agent announced more than " + std::to_string(kMaxEntries) + " entries");
-    for (std::uint16_t i = 0; i < header.count; ++i) {
-      const auto entry = session.receive<varlo_volume::kSize>();
-      list.push_back(varlo_volume::decodeAt(entry.data()));
-    }
-    if (header.prefix.last) break;
-  }
-  return list;
-}
-
 Value VolumesCommand::run(Session& session) {
   Value list = Value::array();
-  for (const auto& v : receiveList(session, "the agent could not list its volumes"))
+  for (const auto& v :
+       receiveList<varlo::varlo_volume>(session, "the agent could not list its volumes", "volumes"))
     list.push(describe(v));
   return list;
 }

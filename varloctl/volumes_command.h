@@ -13,10 +13,6 @@ namespace varloctl {
 
 class VolumesCommand : public Command {
  public:
-  // A sane agent sends a handful; these only stop a runaway peer.
-  static constexpr std::size_t kMaxBatches = 8192;
-  static constexpr std::size_t kMaxEntries = 65536;
-
   explicit VolumesCommand(bool localOnly) : localOnly_(localOnly) {}
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   static std::unique_ptr<Command> makeLocal(const std::vector<std::string>& arguments);
@@ -26,9 +22,6 @@ class VolumesCommand : public Command {
   Value run(Session& session) override;
 
   static Value describe(const varlo::varlo_volume& entry);
-
-  // Every entry of a volume-shaped list (the disks answer has the same form).
-  static std::vector<varlo::varlo_volume> receiveList(Session& session, const std::string& failure);
 
   // Units of 104858 bytes as mebibytes with one decimal: 10239 -> "1023.9".
   static std::string mebibytes(std::uint32_t units);
