@@ -39,6 +39,8 @@
 
 #include "base/unique_fd.h"
 #include "prefs/password_block.h"
+#include "varloctl/ctl_error.h"
+#include "varloctl/session.h"
 #include "varlo/config_record.h"
 #include "varlo/net_records.h"
 #include "varlo/process_records.h"
@@ -287,27 +289,32 @@ std::size_t entrySize(std::uint16_t code) {
 }
 
 // One session; false when it did not complete.
+// One session, through the console end varloctl uses; false when it did
+// not complete.
 bool session(const sockaddr_in& sa, const varlo::varlo_cmd_header::Bytes& header,
              std::uint16_t code) {
-  UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
-  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) return false;
-  if (send(fd.get(), header.data(), header.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(header.size()))
+  try {
+    varloctl::Session link = varloctl::Session::open({sa}, "peer", 5000);
+    link.send(header);
+    varlo::varlo_list_header::Bytes head{};
+    // The echo peer returns the 12 header bytes; the agent its list batches.
+    link.receive(head.data(), header.size());
+    if (std::memcmp(head.data(), header.data(), header.size()) == 0) return true;
+    if (entrySize(code) == 0) {
+      std::vector<std::uint8_t> rest(varlo::varlo_config::kSize - header.size());
+      link.receive(rest.data(), rest.size());
+      return true;
+    }
+    link.receive(head.data() + header.size(), head.size() - header.size());
+    for (;;) {
+      const auto h = varlo::varlo_list_header::decode(head);
+      std::vector<std::uint8_t> body(h.count * entrySize(code));
+      if (!body.empty()) link.receive(body.data(), body.size());
+      if (h.prefix.last) return true;
+      link.receive(head.data(), head.size());
+    }
+  } catch (const varloctl::CtlError&) {
     return false;
-  varlo::varlo_list_header::Bytes head{};
-  // The echo peer returns the 12 header bytes; the agent its list batches.
-  if (!readExactly(fd.get(), head.data(), header.size())) return false;
-  if (std::memcmp(head.data(), header.data(), header.size()) == 0) return true;
-  if (entrySize(code) == 0) {
-    std::vector<std::uint8_t> rest(varlo::varlo_config::kSize - header.size());
-    return readExactly(fd.get(), rest.data(), rest.size());
-  }
-  if (!readExactly(fd.get(), head.data() + header.size(), head.size() - header.size())) return false;
-  for (;;) {
-    const auto h = varlo::varlo_list_header::decode(head);
-    std::vector<std::uint8_t> body(h.count * entrySize(code));
-    if (!body.empty() && !readExactly(fd.get(), body.data(), body.size())) return false;
-    if (h.prefix.last) return true;
-    if (!readExactly(fd.get(), head.data(), head.size())) return false;
   }
 }
 

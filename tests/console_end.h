@@ -1,24 +1,21 @@
-// The console's end of a session, for tests: sends headers and records and
-// reads replies with a deadline, so a silent agent fails a test instead of
-// hanging it.
+// The console's end of a session in tests: varloctl's session, with the
+// answers a test wants to see (what came, and whether the agent hung up)
+// instead of errors.
 #pragma once
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "prefs/des_cipher.h"
-#include "base/unique_fd.h"
 #include "varlo/probe.h"
 #include "varlo/records.h"
+#include "varloctl/ctl_error.h"
+#include "varloctl/password_block.h"
+#include "varloctl/session.h"
 
 namespace test_support {
 
@@ -27,56 +24,42 @@ using Bytes = std::vector<std::uint8_t>;
 class ConsoleEnd {
  public:
   ConsoleEnd() = default;
-  explicit ConsoleEnd(int fd) : fd_(fd) {}
+  // One end of a socket pair.
+  explicit ConsoleEnd(int fd) : session_(varloctl::Session(UniqueFd(fd), "worker", 3000)) {}
 
-  // A TCP session with the agent at addr (host order).
   static ConsoleEnd connectTo(std::uint32_t addr = INADDR_LOOPBACK,
                               std::uint16_t port = varlo::kAgentPort) {
-    ConsoleEnd end(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    sa.sin_addr.s_addr = htonl(addr);
-    if (connect(end.fd_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) end.fd_.reset();
+    ConsoleEnd end;
+    try {
+      end.session_ = varloctl::Session::connect(addr, port, 3000);
+    } catch (const varloctl::CtlError&) {
+    }
     return end;
   }
 
-  bool connected() const { return fd_.valid(); }
-  int fd() const { return fd_.get(); }
-  void close() { fd_.reset(); }
+  bool connected() const { return session_.has_value(); }
+  int fd() const { return session_ ? session_->fd() : -1; }
+  void close() { session_.reset(); }
 
   bool send(const void* data, std::size_t n) {
-    return ::send(fd_.get(), data, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n);
+    try {
+      session_->send(static_cast<const std::uint8_t*>(data), n);
+      return true;
+    } catch (const varloctl::CtlError&) {
+      return false;
+    }
   }
   template <std::size_t N>
   bool send(const varlo::WireRecord<N>& r) {
     return send(r.data(), N);
   }
-
-  // The header the console opens a session with: the password as a Pascal
-  // string, enciphered.
   bool sendHeader(std::uint16_t command, const std::string& password) {
-    DesCipher::Block plain{};
-    plain[0] = static_cast<std::uint8_t>(password.size());
-    std::memcpy(plain.data() + 1, password.data(), std::min<std::size_t>(password.size(), 7));
-    varlo::varlo_cmd_header h;
-    h.command = command;
-    DesCipher::instance().encrypt(plain.data(), h.passwordBlock.data(), 8);
-    return send(h.encode());
+    return send(varloctl::PasswordBlock::header(command, password));
   }
 
   // Exactly n bytes, or what came before the peer closed or went quiet.
   Bytes receive(std::size_t n, std::chrono::milliseconds wait = std::chrono::seconds(3)) {
-    Bytes out;
-    while (out.size() < n) {
-      pollfd p{fd_.get(), POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(wait.count())) <= 0) break;
-      std::uint8_t buf[4096];
-      const ssize_t got = recv(fd_.get(), buf, std::min(sizeof buf, n - out.size()), 0);
-      if (got <= 0) break;
-      out.insert(out.end(), buf, buf + got);
-    }
-    return out;
+    return session_->receiveSome(n, static_cast<int>(wait.count()));
   }
 
   template <typename Record>
@@ -91,14 +74,11 @@ class ConsoleEnd {
 
   // True when the agent closes the session without sending another byte.
   bool closedByPeer(std::chrono::milliseconds wait = std::chrono::seconds(3)) {
-    pollfd p{fd_.get(), POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(wait.count())) <= 0) return false;
-    char c;
-    return recv(fd_.get(), &c, 1, 0) == 0;
+    return session_->closedByPeer(static_cast<int>(wait.count()));
   }
 
  private:
-  UniqueFd fd_;
+  std::optional<varloctl::Session> session_;
 };
 
 inline Bytes prefixOf(const Bytes& record) {

@@ -1,8 +1,12 @@
 #include "varloctl/session.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+
+#include <algorithm>
 
 #include <cstring>
 #include <utility>
@@ -20,7 +24,40 @@ bool peerGone(int err) { return err == EPIPE || err == ECONNRESET; }
 }  // namespace
 
 Session::Session(UniqueFd fd, std::string peerName, int timeoutMs)
-    : fd_(std::move(fd)), peer_(std::move(peerName)), timeoutMs_(timeoutMs) {}
+    : fd_(std::move(fd)), peer_(std::move(peerName)), timeoutMs_(timeoutMs) {
+  if (fd_.valid()) ::fcntl(fd_.get(), F_SETFL, ::fcntl(fd_.get(), F_GETFL) | O_NONBLOCK);
+}
+
+Session Session::connect(std::uint32_t addr, std::uint16_t port, int timeoutMs) {
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(port);
+  sa.sin_addr.s_addr = htonl(addr);
+  char name[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &sa.sin_addr, name, sizeof name);
+  return open({sa}, name, timeoutMs);
+}
+
+std::vector<std::uint8_t> Session::receiveSome(std::size_t len, int waitMs) {
+  std::vector<std::uint8_t> out;
+  while (out.size() < len) {
+    pollfd p{fd_.get(), POLLIN, 0};
+    if (::poll(&p, 1, waitMs) <= 0) break;
+    std::uint8_t buf[4096];
+    const ssize_t n = ::recv(fd_.get(), buf, std::min(sizeof buf, len - out.size()), 0);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) break;
+    out.insert(out.end(), buf, buf + n);
+  }
+  return out;
+}
+
+bool Session::closedByPeer(int waitMs) {
+  pollfd p{fd_.get(), POLLIN, 0};
+  if (::poll(&p, 1, waitMs) <= 0) return false;
+  char c;
+  return ::recv(fd_.get(), &c, 1, 0) == 0;
+}
 
 Session Session::open(const std::vector<sockaddr_in>& addresses, const std::string& peerName,
                       int timeoutMs) {

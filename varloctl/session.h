@@ -22,6 +22,10 @@ class Session {
   static Session open(const std::vector<sockaddr_in>& addresses, const std::string& peerName,
                       int timeoutMs);
 
+  // The agent at addr (host order) and port.
+  static Session connect(std::uint32_t addr, std::uint16_t port, int timeoutMs);
+
+  // Takes a connected socket (made non-blocking here).
   Session(UniqueFd fd, std::string peerName, int timeoutMs);
 
   void send(const std::uint8_t* data, std::size_t len);
@@ -40,7 +44,14 @@ class Session {
     return r;
   }
 
+  // Up to len bytes: what arrives before the agent closes the connection or
+  // stays silent for waitMs. Never throws.
+  std::vector<std::uint8_t> receiveSome(std::size_t len, int waitMs);
+  // True when the agent closes the connection without another byte.
+  bool closedByPeer(int waitMs);
+
   const std::string& peerName() const { return peer_; }
+  int fd() const { return fd_.get(); }
   int timeoutMs() const { return timeoutMs_; }
 
  private:

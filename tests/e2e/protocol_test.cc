@@ -2,6 +2,7 @@
 // and the network inventory, from a peer inside the sandbox's network.
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <poll.h>
 #include <sys/utsname.h>
 
 #include <atomic>
