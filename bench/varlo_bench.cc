@@ -285,7 +285,8 @@ int snmpGet(const char* host, int port, int count, const std::string& community)
 
 // Size of one list entry of the command, or 0 for a single-record reply.
 std::size_t entrySize(std::uint16_t code) {
-  return code == 3 ? varlo::varlo_proc::kSize : code == 1 ? 0 : varlo::varlo_ipaddr::kSize;
+  if (code == varlo::kProcessesCommand) return varlo::varlo_proc::kSize;
+  return code == varlo::kConfigurationCommand ? 0 : varlo::varlo_ipaddr::kSize;
 }
 
 // One session; false when it did not complete.
@@ -388,7 +389,7 @@ int main(int argc, char** argv) {
     return snmpGet(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argc == 6 ? argv[5] : "public");
   if (mode == "sessions" && (argc == 6 || argc == 7))
     return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]),
-                    static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : 28));
+                    static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : varlo::kIpAddressCommand));
   if (mode == "run" && argc >= 4) return runCommand(std::atoi(argv[2]), argv + 3);
   std::fprintf(stderr,
                "usage: varlo_bench echo-server PORT | probe HOST PORT N | "
