@@ -289,7 +289,6 @@ std::size_t entrySize(std::uint16_t code) {
   return code == varlo::kConfigurationCommand ? 0 : varlo::varlo_ipaddr::kSize;
 }
 
-// One session; false when it did not complete.
 // One session, through the console end varloctl uses; false when it did
 // not complete.
 bool session(const sockaddr_in& sa, const varlo::varlo_cmd_header::Bytes& header,
