@@ -35,7 +35,9 @@ void Session::requestStop() {
 bool Session::waitFor(std::chrono::milliseconds duration) {
   std::condition_variable_any wake;
   std::unique_lock<std::mutex> lock(mutex_);
-  return !wake.wait_for(lock, stop_.get_token(), duration, [] { return false; });
+  // Nothing but a stop request (or the time) ends the wait.
+  wake.wait_for(lock, stop_.get_token(), duration, [] { return false; });
+  return !stop_.stop_requested();
 }
 
 void Session::finish() {
