@@ -18,4 +18,9 @@ export ASAN_OPTIONS=halt_on_error=1:abort_on_error=0:detect_leaks=1:exitcode=66
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
+# -- fuzz smoke: every libFuzzer target for 20 s on its seed corpus (fuzz/run.sh)
+echo "== fuzz smoke"
+./fuzz/run.sh 20
+# -- end fuzz smoke
+
 echo "== all tests passed"
