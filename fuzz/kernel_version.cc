@@ -28,18 +28,20 @@ void checkBanner(const std::string& text) {
 }
 
 // The release's leading numbers (up to three, separated by points) when
-// none is longer than three digits or followed by a point and no number.
+// none has more than three digits past its leading zeros, or is followed by
+// a point and no number.
 bool plainRelease(const std::string& text, unsigned (&parts)[3]) {
   parts[0] = parts[1] = parts[2] = 0;
   std::size_t pos = 0;
   for (int i = 0; i < 3; ++i) {
-    std::size_t digits = 0;
+    std::size_t digits = 0, significant = 0;
     unsigned value = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && digits < 4) {
+    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
       value = value * 10 + static_cast<unsigned>(text[pos++] - '0');
       ++digits;
+      if (value != 0 && ++significant > 3) return false;
     }
-    if (digits == 0 || digits > 3) return false;
+    if (digits == 0) return false;
     parts[i] = value;
     // Whatever follows the third number, or a number not followed by a
     // point, is no part of the version.
