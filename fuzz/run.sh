@@ -20,11 +20,18 @@ fi
 
 ./scripts/deps.sh
 build=build-fuzz
-if [ ! -f "$build/CMakeCache.txt" ]; then
-  CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DVARLO_FUZZ=ON -DVARLO_TESTS=OFF \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+mkdir -p "$build/logs"
+configure() {
+  [ -f "$build/CMakeCache.txt" ] ||
+    CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DVARLO_FUZZ=ON -DVARLO_TESTS=OFF \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo
+}
+if ! { configure && cmake --build "$build" --target varlo_fuzzers -j "$(nproc)"; } \
+  >"$build/logs/build.log" 2>&1; then
+  cat "$build/logs/build.log" >&2
+  echo "fuzz: the build failed" >&2
+  exit 1
 fi
-cmake --build "$build" --target varlo_fuzzers -j "$(nproc)" >/dev/null
 
 if [ $# -gt 0 ]; then
   targets=("$@")
@@ -38,7 +45,6 @@ fi
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-mkdir -p "$build/logs"
 
 export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
