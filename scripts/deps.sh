@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, if any is missing.
+# Installs the Debian packages the build and the tests need, if any is missing
+# (clang and its libFuzzer runtime for the fuzz targets of fuzz/run.sh).
 # With the argument "bench", also the peers bench/run.sh measures the agent
 # against (net-snmp's snmpd).
 set -euo pipefail
@@ -10,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev
   libfuse3-dev fuse3
   util-linux procps
+  clang libclang-rt-14-dev
 )
 if [ "${1:-}" = "bench" ]; then
   # Debian's snmpd package enables and, where an init system runs, starts its

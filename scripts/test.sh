@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test plainly, then under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the thread core under
-# ThreadSanitizer. Any failure or sanitizer report fails the run.
+# ThreadSanitizer, then each fuzz target briefly. Any failure or sanitizer
+# report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/deps.sh
@@ -28,5 +29,10 @@ build-tsan/tests/varlo_tests --gtest_brief=1 \
   --gtest_filter='VLBuffer*:Semaphore*:CHeartBeat*:VLForeman*:WorkerSession*:HostDescription*:*MountProbe*'
 VARLO_AGENT="$PWD/build-tsan/varlo" VARLO_EXTRA_THREADS=1 build/tests/varlo_e2e_tests --gtest_brief=1
 unset TSAN_OPTIONS
+
+# -- fuzz smoke: every libFuzzer target for 20 s on its seed corpus (fuzz/run.sh)
+echo "== fuzz smoke"
+./fuzz/run.sh 20
+# -- end fuzz smoke
 
 echo "== all tests passed"

@@ -163,8 +163,13 @@ void Util::getLinuxVersion(std::string& version, std::string& distro,
     const int err = errno;
     throw "Could not open /proc/version.  Error: " + std::to_string(err);
   }
+  parseLinuxVersion(*banner, version, distro);
+}
+
+void Util::parseLinuxVersion(const std::string& banner, std::string& version,
+                             std::string& distro) {
   // The banner is text: stop at an embedded NUL as a C string would.
-  std::string text = *banner;
+  std::string text = banner;
   text.resize(std::strlen(text.c_str()));
 
   version.clear();

@@ -50,6 +50,9 @@ class Util {
   // std::string "Could not open /proc/version.  Error: ERRNO".
   static void getLinuxVersion(std::string& version, std::string& distro,
                               const std::string& versionFile = "/proc/version");
+  // The same from the banner's text, as getLinuxVersion read it.
+  static void parseLinuxVersion(const std::string& banner, std::string& version,
+                                std::string& distro);
 
   // 1 if the IPv4 address (host order, 192.0.2.1 == 0xC0000201) may be
   // reported, 0 if not. A bit-subset test against each mask, not equality,

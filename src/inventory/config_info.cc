@@ -50,8 +50,10 @@ std::uint32_t CConfigInfo::systemVersionOf(const std::string& release) {
     std::size_t digits = 0;
     unsigned value = 0;
     // Past four digits the number no longer matters: it is capped below.
+    // Leading zeros are no such digits ("6.00001" is 6.1).
     while (pos < release.size() && release[pos] >= '0' && release[pos] <= '9') {
-      if (digits++ < 4) value = value * 10 + static_cast<unsigned>(release[pos] - '0');
+      if (value < 1000) value = value * 10 + static_cast<unsigned>(release[pos] - '0');
+      ++digits;
       ++pos;
     }
     if (digits == 0) break;

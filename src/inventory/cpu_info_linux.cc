@@ -113,17 +113,24 @@ std::string modelName(const std::string& path) {
 
 }  // namespace
 
+long cpuTypeOfText(std::string_view head) {
+  const std::string text = withoutTrademarks(head.substr(0, kTypeWindow));
+  // The longer name first, so that a Core Duo is not taken for a Core.
+  if (text.find("Intel Core Duo") != std::string::npos) return kIntelCoreDuo;
+  if (text.find("Intel Core") != std::string::npos) return kIntelCore;
+  return 0;
+}
+
+std::optional<std::uint64_t> cpuSpeedOfCpuinfo(std::string_view text) {
+  const auto mhz = cpuinfoValue(text, "cpu MHz");
+  if (!mhz) return std::nullopt;
+  return megahertzToHertz(*mhz);
+}
+
 int GetCPUType(long* type, const std::string& cpuinfoPath) {
   if (type == nullptr) return 0;
   *type = 0;
-  if (const auto head = readSmallFile(cpuinfoPath, kTypeWindow)) {
-    const std::string text = withoutTrademarks(*head);
-    // The longer name first, so that a Core Duo is not taken for a Core.
-    if (text.find("Intel Core Duo") != std::string::npos)
-      *type = kIntelCoreDuo;
-    else if (text.find("Intel Core") != std::string::npos)
-      *type = kIntelCore;
-  }
+  if (const auto head = readSmallFile(cpuinfoPath, kTypeWindow)) *type = cpuTypeOfText(*head);
   return *type != 0 ? 1 : 0;
 }
 
@@ -191,7 +198,7 @@ void CpuInfoLinux::storeCPUSpeed() {
   }
   if (!hz) {
     if (const auto text = readSmallFile(procPath(cpu_paths::kCpuInfo), kSpeedWindow))
-      if (const auto mhz = cpuinfoValue(*text, "cpu MHz")) hz = megahertzToHertz(*mhz);
+      hz = cpuSpeedOfCpuinfo(*text);
   }
   cpuSpeed_ = static_cast<std::uint32_t>(hz ? std::min(*hz, kSpeedCap) : 0);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,14 @@ inline constexpr long kIntelCore = 601;
 int GetCPUType(long* type,
                const std::string& cpuinfoPath = std::string(host_paths::kProcRoot) +
                                                 cpu_paths::kCpuInfo);
+
+// GetCPUType's decision on the text it read: 600, 601 or 0.
+long cpuTypeOfText(std::string_view head);
+
+// The first "cpu MHz" value of cpuinfo text in hertz (4294967295 for a
+// value of more megahertz than that); nullopt when there is none or it is
+// no decimal number.
+std::optional<std::uint64_t> cpuSpeedOfCpuinfo(std::string_view text);
 
 // Sets name to the machine's model name (the DMI product name, else the
 // device-tree model) or leaves it unchanged when neither has one.

@@ -34,9 +34,55 @@ void forEachRecord(const std::string& path, const std::function<void(const utmpx
   }
 }
 
+void forEachRecordIn(std::string_view records, const std::function<void(const utmpx&)>& visit) {
+  utmpx rec;
+  for (; records.size() >= sizeof rec; records.remove_prefix(sizeof rec)) {
+    std::memcpy(&rec, records.data(), sizeof rec);
+    visit(rec);
+  }
+}
+
 std::string userOf(const utmpx& rec) {
   return std::string(rec.ut_user, strnlen(rec.ut_user, sizeof rec.ut_user));
 }
+
+// The newest user session on a console line among the records visited.
+struct NewestConsoleUser {
+  std::optional<std::string> newest;
+  long long newestTime = 0;
+
+  void operator()(const utmpx& rec) {
+    if (rec.ut_type != USER_PROCESS) return;
+    const std::string line(rec.ut_line, strnlen(rec.ut_line, sizeof rec.ut_line));
+    const std::string name = userOf(rec);
+    if (name.empty() || !LoginRecords::isConsoleLine(line)) return;
+    const long long when = static_cast<long long>(rec.ut_tv.tv_sec) * 1000000 + rec.ut_tv.tv_usec;
+    if (!newest || when > newestTime) {
+      newest = name;
+      newestTime = when;
+    }
+  }
+};
+
+// The user of the newest log-in among the records visited.
+struct NewestLogin {
+  std::string newest;
+  long long newestTime = -1;
+
+  void operator()(const utmpx& rec) {
+    // Log-outs, boot and run-level records carry no user who logged in.
+    if (rec.ut_type != USER_PROCESS) return;
+    const std::string name = userOf(rec);
+    if (name.empty() || name.find("shutdown") != std::string::npos ||
+        name.find("reboot") != std::string::npos) {
+      return;
+    }
+    if (rec.ut_tv.tv_sec > newestTime) {
+      newest = name;
+      newestTime = rec.ut_tv.tv_sec;
+    }
+  }
+};
 
 // Name, uid and gid from the password database; ids stay -1 for a name that
 // has no entry there (a user of a directory service that is down, say).
@@ -66,21 +112,16 @@ bool LoginRecords::isConsoleLine(const std::string& line) {
 }
 
 std::optional<ConsoleUser> LoginRecords::consoleUserFromUtmp(const std::string& utmpPath) {
-  std::optional<std::string> newest;
-  long long newestTime = 0;
-  forEachRecord(utmpPath, [&](const utmpx& rec) {
-    if (rec.ut_type != USER_PROCESS) return;
-    const std::string line(rec.ut_line, strnlen(rec.ut_line, sizeof rec.ut_line));
-    const std::string name = userOf(rec);
-    if (name.empty() || !isConsoleLine(line)) return;
-    const long long when = static_cast<long long>(rec.ut_tv.tv_sec) * 1000000 + rec.ut_tv.tv_usec;
-    if (!newest || when > newestTime) {
-      newest = name;
-      newestTime = when;
-    }
-  });
-  if (!newest) return std::nullopt;
-  return withIds(*newest);
+  NewestConsoleUser scan;
+  forEachRecord(utmpPath, std::ref(scan));
+  if (!scan.newest) return std::nullopt;
+  return withIds(*scan.newest);
+}
+
+std::optional<std::string> LoginRecords::consoleUserInRecords(std::string_view records) {
+  NewestConsoleUser scan;
+  forEachRecordIn(records, std::ref(scan));
+  return scan.newest;
 }
 
 std::optional<ConsoleUser> LoginRecords::consoleUserFromLogind() {
@@ -105,20 +146,13 @@ std::optional<ConsoleUser> LoginRecords::findConsoleUser(const std::string& seat
 }
 
 std::string LoginRecords::lastLogin(const std::string& wtmpPath) {
-  std::string newest;
-  long long newestTime = -1;
-  forEachRecord(wtmpPath, [&](const utmpx& rec) {
-    // Log-outs, boot and run-level records carry no user who logged in.
-    if (rec.ut_type != USER_PROCESS) return;
-    const std::string name = userOf(rec);
-    if (name.empty() || name.find("shutdown") != std::string::npos ||
-        name.find("reboot") != std::string::npos) {
-      return;
-    }
-    if (rec.ut_tv.tv_sec > newestTime) {
-      newest = name;
-      newestTime = rec.ut_tv.tv_sec;
-    }
-  });
-  return newest;
+  NewestLogin scan;
+  forEachRecord(wtmpPath, std::ref(scan));
+  return scan.newest;
+}
+
+std::string LoginRecords::lastLoginIn(std::string_view records) {
+  NewestLogin scan;
+  forEachRecordIn(records, std::ref(scan));
+  return scan.newest;
 }

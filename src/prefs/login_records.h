@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 struct ConsoleUser {
   std::string name;
@@ -27,6 +28,11 @@ class LoginRecords {
   // The user of the newest log-in in wtmp, or "" when there is none. Among
   // equal times the first wins.
   static std::string lastLogin(const std::string& wtmpPath);
+
+  // The same two from records already read (utmpx records back to back; a
+  // torn last record is ignored). The console user is given by name only.
+  static std::optional<std::string> consoleUserInRecords(std::string_view records);
+  static std::string lastLoginIn(std::string_view records);
 
   static bool isConsoleLine(const std::string& line);
 };

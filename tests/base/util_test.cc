@@ -167,6 +167,18 @@ TEST(UtilLinuxVersion, Banners) {
             "Could not open /proc/version.  Error: " + std::to_string(ENOENT));
 }
 
+TEST(UtilLinuxVersion, BannerText) {
+  std::string version = "old", distro = "old";
+  Util::parseLinuxVersion("Linux version 6.1.0 (b@h) (gcc (Debian 12.2.0-14) 12.2.0) #1", version,
+                          distro);
+  EXPECT_EQ(version + "|" + distro, "6.1.0|Debian 12.2.0-14");
+  // The text ends at a NUL, as the file's did.
+  Util::parseLinuxVersion(std::string("Linux version 5.0\0 (a) (b) (c)", 30), version, distro);
+  EXPECT_EQ(version + "|" + distro, "5.0|*nix");
+  Util::parseLinuxVersion("", version, distro);
+  EXPECT_EQ(version + "|" + distro, "|*nix");
+}
+
 TEST(UtilNet, IsValidIPIsABitSubsetTestAndFormatEthAddr) {
   // Refused whenever every bit of the address lies within one of the masks.
   for (unsigned long refused : {0x00000000ul, 0x7F000001ul, 0x00FFFFFFul, 0x00000001ul,

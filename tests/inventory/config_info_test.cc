@@ -98,6 +98,7 @@ TEST(ConfigInfo, VersionNumberAndText) {
       {"4.19.0+", 0x0490, "4.9.0"},
       {"10.4.11", 0x1049, "10.4.9"},  // two BCD digits of major
       {"0.9.1", 0x0091, "Unknown"},   // major 0
+      {"6.00001.2", 0x0612, "6.1.2"},  // leading zeros are no digits of the number
       {"generic", 0x0000, "Unknown"},
       {"", 0x0000, "Unknown"},
       // A failed query: the fallback number is read back as 165.15.15.

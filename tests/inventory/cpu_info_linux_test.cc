@@ -196,3 +196,13 @@ TEST(CpuInfoLinux, ModelNameFromDmiElseDeviceTree) {
 }
 
 }  // namespace
+
+TEST(CpuInfoLinux, TypeAndSpeedFromText) {
+  EXPECT_EQ(cpuTypeOfText("model name\t: Intel(R) Core(TM) Duo CPU T2450\n"), kIntelCoreDuo);
+  EXPECT_EQ(cpuTypeOfText("model name\t: Intel(R) Core(TM) i7-4790K\n"), kIntelCore);
+  EXPECT_EQ(cpuTypeOfText(std::string(4096, ' ') + "Intel Core"), 0);  // past the window
+  EXPECT_EQ(cpuSpeedOfCpuinfo("processor\t: 0\ncpu MHz\t\t: 2299.998\n"), 2299998000u);
+  EXPECT_EQ(cpuSpeedOfCpuinfo("cpu MHz : 99999999999\n"), 0xFFFFFFFFu);
+  EXPECT_EQ(cpuSpeedOfCpuinfo("cpu MHz : fast\n"), std::nullopt);
+  EXPECT_EQ(cpuSpeedOfCpuinfo("processor : 0\n"), std::nullopt);
+}

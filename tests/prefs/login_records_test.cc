@@ -79,3 +79,17 @@ TEST(LoginRecords, ConsoleLines) {
   for (const char* no : {"tty0", "tty64", "tty01", "ttyS0", "tty", "pts/0", ":", ":0.0", "console1"})
     EXPECT_FALSE(LoginRecords::isConsoleLine(no)) << no;
 }
+
+TEST(LoginRecords, RecordsAlreadyReadGiveWhatTheFileGives) {
+  TempDir t;
+  const std::string wtmp = t / "wtmp";
+  append(wtmp, USER_PROCESS, "alice", "tty1", 100);
+  append(wtmp, USER_PROCESS, "bob", "pts/0", 200);
+  append(wtmp, USER_PROCESS, "carol", ":0", 150);
+  const std::string records = *test_support::slurp(wtmp);
+  EXPECT_EQ(LoginRecords::lastLoginIn(records), "bob");
+  EXPECT_EQ(LoginRecords::lastLoginIn(records + "torn"), "bob");
+  EXPECT_EQ(LoginRecords::lastLoginIn(records.substr(0, sizeof(utmpx) - 1)), "");
+  EXPECT_EQ(LoginRecords::consoleUserInRecords(records), std::optional<std::string>("carol"));
+  EXPECT_EQ(LoginRecords::consoleUserInRecords(""), std::nullopt);
+}
