@@ -10,6 +10,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <set>
@@ -23,6 +24,7 @@ using varlo::varlo_probe_reply;
 struct HostDescription::Shared {
   std::mutex mutex;
   std::condition_variable wake;
+  std::condition_variable resolved;
   std::vector<Interface> interfaces;
   // The address of resolvedName; a reply for another name has none yet.
   std::string resolvedName;
@@ -35,6 +37,8 @@ struct HostDescription::Shared {
 };
 
 namespace {
+
+constexpr auto kStartupResolveWait = std::chrono::milliseconds(250);
 
 // Identity and age of each file: a rewrite, a rename over it or a file
 // mounted over it (as containers do) all change it.
@@ -94,14 +98,21 @@ HostDescription::HostDescription(CPrefs& prefs, Sources sources)
           lock.lock();
           shared->resolvedName = name;
           shared->address = address;
+          shared->resolved.notify_all();
         }
       },
       64 * 1024);
-  // Resolved before the first probe can ask, unless the name service is slow.
+  // Resolved before the first probe can ask: start-up gives the look-up a
+  // moment (a hosts file answers in microseconds), never longer.
   utsname un{};
   ::uname(&un);
   un.nodename[31] = '\0';
   resolveIfChanged(un.nodename);
+  {
+    std::unique_lock<std::mutex> lock(shared_->mutex);
+    shared_->resolved.wait_for(lock, kStartupResolveWait,
+                               [&] { return shared_->resolvedName == un.nodename; });
+  }
   if (wake_.valid()) {
     try {
       watcher_ = Thread([this] { watch(); }, 128 * 1024);
