@@ -1,7 +1,7 @@
 #include "intake/host_description.h"
 
 #include <arpa/inet.h>
-#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netdb.h>
 #include <poll.h>
@@ -57,10 +57,6 @@ std::string stampOf(const std::vector<std::string>& files) {
   return stamp;
 }
 
-struct MnlCloser {
-  void operator()(mnl_socket* s) const { mnl_socket_close(s); }
-};
-
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 std::string folderOf(const std::string& path) {
   const auto slash = path.rfind('/');
@@ -81,6 +77,7 @@ HostDescription::HostDescription(CPrefs& prefs) : HostDescription(prefs, Sources
 HostDescription::HostDescription(CPrefs& prefs, Sources sources)
     : prefs_(prefs), sources_(std::move(sources)), shared_(std::make_shared<Shared>()) {
   if (!sources_.watch) return;
+  openNotifications();
   rebuildInterfaces();
   wake_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   // The resolver may sit in a look-up for as long as the name service
@@ -235,26 +232,31 @@ varlo_probe_reply HostDescription::reply() {
   return reply;
 }
 
-void HostDescription::watch() {
-  std::unique_ptr<mnl_socket, MnlCloser> nl(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (nl && mnl_socket_bind(nl.get(), RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE,
-                            MNL_SOCKET_AUTOPID) < 0)
-    nl.reset();
-  UniqueFd inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  std::set<std::string> loginNames;
+void HostDescription::openNotifications() {
+  // Subscribed before the first rebuild, so no change falls between the two.
+  routeEvents_.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+  sockaddr_nl groups{};
+  groups.nl_family = AF_NETLINK;
+  groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
+  if (routeEvents_.valid() &&
+      ::bind(routeEvents_.get(), reinterpret_cast<sockaddr*>(&groups), sizeof groups) != 0)
+    routeEvents_.reset();
+  loginEvents_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   std::set<std::string> watched;
   for (const std::string& f : sources_.loginFiles) {
-    loginNames.insert(baseName(f));
+    loginNames_.insert(baseName(f));
     // The folder, since login tools often replace the file by a rename.
-    if (inotify.valid() && watched.insert(folderOf(f)).second)
-      inotify_add_watch(inotify.get(), folderOf(f).c_str(),
+    if (loginEvents_.valid() && watched.insert(folderOf(f)).second)
+      inotify_add_watch(loginEvents_.get(), folderOf(f).c_str(),
                         IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_MOVED_TO);
   }
+}
 
+void HostDescription::watch() {
   for (;;) {
     pollfd fds[3] = {{wake_.get(), POLLIN, 0},
-                     {nl ? mnl_socket_get_fd(nl.get()) : -1, POLLIN, 0},
-                     {inotify.get(), POLLIN, 0}};
+                     {routeEvents_.get(), POLLIN, 0},
+                     {loginEvents_.get(), POLLIN, 0}};
     if (::poll(fds, 3, -1) < 0) {
       if (errno == EINTR) continue;
       return;
@@ -270,10 +272,10 @@ void HostDescription::watch() {
       bool loginChanged = false;
       alignas(inotify_event) char buf[4096];
       ssize_t n;
-      while ((n = ::read(inotify.get(), buf, sizeof buf)) > 0) {
+      while ((n = ::read(loginEvents_.get(), buf, sizeof buf)) > 0) {
         for (char* p = buf; p < buf + n;) {
           const auto* event = reinterpret_cast<const inotify_event*>(p);
-          if (event->len > 0 && loginNames.count(event->name) != 0) loginChanged = true;
+          if (event->len > 0 && loginNames_.count(event->name) != 0) loginChanged = true;
           p += sizeof(inotify_event) + event->len;
         }
       }

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,7 @@ class HostDescription {
 
  private:
   struct Shared;
+  void openNotifications();
   void watch();
   void rebuildInterfaces();
   // Asks the resolver for name unless it is the name resolved (or being
@@ -73,6 +75,9 @@ class HostDescription {
   CPrefs& prefs_;
   Sources sources_;
   std::shared_ptr<Shared> shared_;
+  UniqueFd routeEvents_;  // rtnetlink: link, address and route changes
+  UniqueFd loginEvents_;  // inotify on the login records' folders
+  std::set<std::string> loginNames_;
   UniqueFd wake_;  // eventfd: tells the watcher to stop
   Thread watcher_;
 };

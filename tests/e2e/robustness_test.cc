@@ -29,6 +29,23 @@ bool contains(const std::vector<std::string>& lines, const std::string& part) {
                      [&](const std::string& l) { return l.find(part) != std::string::npos; });
 }
 
+// One probe's reply, or nothing within three seconds.
+std::optional<varlo::varlo_probe_reply> probeAgent() {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(varlo::kAgentPort);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  varlo::varlo_probe_reply::Bytes wire{};
+  sendto(fd, wire.data(), wire.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+  pollfd p{fd, POLLIN, 0};
+  const bool answered =
+      poll(&p, 1, 3000) == 1 && recv(fd, wire.data(), wire.size(), 0) == ssize_t(wire.size());
+  close(fd);
+  if (!answered) return std::nullopt;
+  return varlo::varlo_probe_reply::decode(wire);
+}
+
 TEST_F(AgentTest, ShutdownStopsRunningCommandsAtOnceAndTheyWriteNothingMore) {
   Process agent = startAgent();
   Sandbox::NetworkScope net(box());
@@ -76,18 +93,9 @@ TEST_F(SlowNameServerTest, ProbesAndSessionsDoNotWaitForTheNameService) {
   Process agent = startAgent();
   Sandbox::NetworkScope net(box());
   for (int i = 0; i < 3; ++i) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(varlo::kAgentPort);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::vector<std::uint8_t> probe(varlo::varlo_probe_reply::kSize, 0);
     const auto before = Clock::now();
-    sendto(fd, probe.data(), probe.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    pollfd p{fd, POLLIN, 0};
-    ASSERT_EQ(poll(&p, 1, 3000), 1) << "probe " << i << " unanswered";
+    ASSERT_TRUE(probeAgent().has_value()) << "probe " << i << " unanswered";
     EXPECT_LT(Clock::now() - before, 500ms) << "probe " << i;
-    close(fd);
 
     const auto start = Clock::now();
     ConsoleEnd console = ConsoleEnd::connectTo();
@@ -96,6 +104,23 @@ TEST_F(SlowNameServerTest, ProbesAndSessionsDoNotWaitForTheNameService) {
     EXPECT_LT(Clock::now() - start, 500ms) << "session " << i;
   }
   EXPECT_EQ(stopAgent(agent), 0);
+}
+
+// The probe reply follows the interfaces as they change, without a restart.
+TEST_F(AgentTest, ProbeReplyFollowsInterfacesAddedWhileRunning) {
+  addInterface("eth0", "192.0.2.10/24");
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  const auto lists = [](std::uint32_t address) {
+    const auto reply = probeAgent();
+    if (!reply) return false;
+    return reply->ipAddress == address ||
+           std::count(reply->otherIp.begin(), reply->otherIp.end(), address) > 0;
+  };
+  EXPECT_TRUE(lists(0xC000020A));   // 192.0.2.10
+  EXPECT_FALSE(lists(0xC633640A));  // 198.51.100.10, not there yet
+  addInterface("eth1", "198.51.100.10/24");
+  EXPECT_TRUE(waitUntil([&] { return lists(0xC633640A); }, 2000ms));
 }
 
 TEST_F(AgentTest, GatewaysFollowTheKernelsIndexesAfterAnInterfaceWentAway) {
