@@ -1,15 +1,11 @@
-// The console's end of a session in tests: varloctl's session, with the
-// answers a test wants to see (what came, and whether the agent hung up)
-// instead of errors.
+// The console's end of a session in tests: varloctl's session, answering what came
+// and whether the agent hung up instead of throwing.
 #pragma once
 
 #include <netinet/in.h>
 
 #include <chrono>
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "varlo/probe.h"
 #include "varlo/records.h"

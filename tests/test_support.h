@@ -4,8 +4,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <optional>
@@ -13,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "session/record_sink.h"
 #include "core/vllog.h"
+#include "session/record_sink.h"
 
 namespace test_support {
 
@@ -43,6 +44,17 @@ inline void spit(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
+// The message texts of a log, without their time stamps.
+inline std::vector<std::string> messagesOf(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const auto sep = line.find(":   ");
+    out.push_back(sep == std::string::npos ? line : line.substr(sep + 4));
+  }
+  return out;
+}
+
 // Keeps every block a reply hands over; refuses the block numbered refuseAt.
 struct BlockRecorder {
   std::size_t refuseAt = std::numeric_limits<std::size_t>::max();
@@ -59,14 +71,8 @@ struct BlockRecorder {
 
 // A list header as the console reads it, written out byte by byte.
 inline std::vector<std::uint8_t> listHeader(int code, int last, int count) {
-  std::vector<std::uint8_t> h(14, 0);
-  h[0] = static_cast<std::uint8_t>(code >> 8);
-  h[1] = static_cast<std::uint8_t>(code);
-  h[2] = 1;
-  h[3] = static_cast<std::uint8_t>(last);
-  h[12] = static_cast<std::uint8_t>(count >> 8);
-  h[13] = static_cast<std::uint8_t>(count);
-  return h;
+  using B = std::uint8_t;
+  return {B(code >> 8), B(code), 1, B(last), 0, 0, 0, 0, 0, 0, 0, 0, B(count >> 8), B(count)};
 }
 
 // Points the process-wide log at a file of the test's own for its lifetime.
@@ -80,21 +86,11 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // The message texts so far, without their time stamps.
-  std::vector<std::string> messages() const {
-    std::vector<std::string> out;
-    std::istringstream lines(slurp(log_.path()).value_or(""));
-    for (std::string line; std::getline(lines, line);) {
-      const auto sep = line.find(":   ");
-      out.push_back(sep == std::string::npos ? line : line.substr(sep + 4));
-    }
-    return out;
-  }
-
-  bool contains(const std::string& message) const {
-    for (const auto& m : messages())
-      if (m == message) return true;
-    return false;
+  std::vector<std::string> messages() const { return messagesOf(slurp(log_.path()).value_or("")); }
+  bool contains(const std::string& message) const { return count(message) > 0; }
+  long count(const std::string& message) const {
+    const auto m = messages();
+    return std::count(m.begin(), m.end(), message);
   }
 
  private:

@@ -1,10 +1,6 @@
-// The foreman's shutdown with commands still running: each stops at its
-// next step, and the whole shutdown takes well under two seconds.
+// The foreman's shutdown with commands still running: each stops at its next step.
 #include "intake/vlforeman.h"
 
-#include <sys/socket.h>
-
-#include <chrono>
 #include <thread>
 
 #include "console_end.h"
@@ -17,18 +13,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr std::uint16_t kSleeper = 90;
-constexpr std::uint16_t kFlooder = 91;
+constexpr std::uint16_t kSleeper = 90, kFlooder = 91;
 
 // Minutes of work, one short step at a time.
 void sleeper(Session& s, std::uint16_t) {
-  for (int step = 0; step < 30000 && s.waitFor(10ms); ++step) {
-  }
+  for (int step = 0; step < 30000 && s.waitFor(10ms);) ++step;
   s.log("sleeper done");
 }
 
-// Writes to a console that reads nothing, until the socket is full and the
-// send blocks.
+// Writes to a console that reads nothing, until a send blocks.
 void flooder(Session& s, std::uint16_t) {
   const std::vector<std::uint8_t> block(1 << 16, 0x55);
   for (int step = 0; step < 100000 && !s.stopRequested(); ++step)
@@ -48,7 +41,6 @@ TEST(VLForeman, ShutdownStopsLongCommandsWithinTwoSecondsAndSilencesThem) {
   test_support::TempDir prefsDir;
   PrefsSources sources;
   sources.localPrefsDir = prefsDir.path;
-  sources.folders.clear();
   CPrefs prefs(sources);
   prefs.init();
   Prefs = &prefs;
@@ -65,9 +57,8 @@ TEST(VLForeman, ShutdownStopsLongCommandsWithinTwoSecondsAndSilencesThem) {
     buffer.push(fds[0], {}, nullptr, 0);
   }
   const auto logged = [&](const std::string& part) {
-    for (const std::string& line : log.messages())
-      if (line.find(part) != std::string::npos) return true;
-    return false;
+    const auto m = log.messages();
+    return std::any_of(m.begin(), m.end(), [&](const auto& l) { return l.find(part) != l.npos; });
   };
   for (int i = 0; i < 300 && !(logged("Sleeper command") && logged("Flooder command")); ++i)
     std::this_thread::sleep_for(10ms);

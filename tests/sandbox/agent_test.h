@@ -1,32 +1,23 @@
 // Test fixture that runs the real agent binary inside a fresh sandbox.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "sandbox/sandbox.h"
 
-#ifndef VARLO_BINARY_DIR
-#error "VARLO_BINARY_DIR must name the build tree that holds the agent"
-#endif
-
 namespace sandbox {
+
+using test_support::messagesOf;  // the log's message texts, without their time stamps
 
 class AgentTest : public ::testing::Test {
  protected:
-  // The agent under test: this build's, or the one VARLO_AGENT names (the
-  // ThreadSanitizer build's, driven by this plain test driver).
+  // The agent under test: this build's, or the one VARLO_AGENT names (the TSan build's).
   static inline const std::string kAgent = [] {
     const char* other = std::getenv("VARLO_AGENT");
     return std::string(other != nullptr ? other : VARLO_BINARY_DIR "/varlo");
   }();
-  // Threads of the agent's own making besides the sanitizer's (ThreadSanitizer
-  // runs one more): VARLO_EXTRA_THREADS says how many such extra threads to expect.
+  // Threads beyond the agent's own, as VARLO_EXTRA_THREADS says (ThreadSanitizer runs one).
   static std::size_t extraThreads() {
     const char* n = std::getenv("VARLO_EXTRA_THREADS");
     return n != nullptr ? static_cast<std::size_t>(std::atoi(n)) : 0;
@@ -51,8 +42,7 @@ class AgentTest : public ::testing::Test {
 
   Sandbox& box() { return *box_; }
 
-  // Starts the agent in the foreground and waits until it has written its
-  // pid file, the last step of its start-up.
+  // Starts the agent in the foreground; waits for its pid file, the last step of start-up.
   Process startAgent() {
     Process agent = box_->spawn({kAgent, "nodaemon"});
     const bool up = waitUntil([&] { return readFile(box_->hostPath(kPidFile)).has_value(); },
@@ -91,20 +81,7 @@ class AgentTest : public ::testing::Test {
   }
 
   std::string log() { return readFile(box_->hostPath(kLog)).value_or(""); }
-
-  // The log's message texts, without their time stamps.
   std::vector<std::string> logMessages() { return messagesOf(log()); }
-
-  static std::vector<std::string> messagesOf(const std::string& text) {
-    std::vector<std::string> messages;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-      const auto sep = line.find(":   ");
-      messages.push_back(sep == std::string::npos ? line : line.substr(sep + 4));
-    }
-    return messages;
-  }
 
  private:
   std::unique_ptr<Sandbox> box_;

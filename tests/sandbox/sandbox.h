@@ -1,24 +1,19 @@
-// A throw-away host for end-to-end tests: private mount, network, UTS, IPC
-// and PID namespaces, rooted in a tmpfs with the host's /usr, /etc and
-// /var/lib/dpkg bound read-only, fresh /proc and /sys, and empty /tmp, /run,
-// /var/log, /var/lib, /var/tmp, /home and /root. Whatever runs inside writes
-// only to tmpfs, and everything inside dies with the sandbox.
+// A throw-away host for end-to-end tests: private mount, network, UTS, IPC and
+// PID namespaces, a tmpfs root with the host's /usr, /etc and /var/lib/dpkg
+// read-only, fresh /proc and /sys, empty scratch folders; all of it dies with it.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <functional>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
+
+#include "test_support.h"
 
 namespace sandbox {
 
 struct Options {
-  // Host paths made visible, read-only, at the same place inside (the build
-  // tree, fixtures).
+  // Host paths made visible, read-only, at the same place inside.
   std::vector<std::string> readOnlyBinds;
   // The sandbox's own host name and /etc/hosts. Name look-ups never leave
   // the sandbox: it has no name server.
@@ -36,10 +31,7 @@ class Process {
   ~Process();
   Process(Process&& other) noexcept;
   Process& operator=(Process&& other) noexcept;
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
 
-  pid_t pid() const { return pid_; }
   bool running() const { return pid_ > 0 && !status_; }
   void signal(int sig) const;
   // The raw wait status, or nothing if it has not ended within the timeout.
@@ -71,10 +63,8 @@ class Sandbox {
   // Where a path inside the sandbox can be read and written from the test.
   std::string hostPath(const std::string& inside) const;
 
-  // Starts argv[0] (an absolute path inside) as root in / with a plain
-  // environment plus extraEnv ("NAME=value").
-  Process spawn(const std::vector<std::string>& argv,
-                const std::vector<std::string>& extraEnv = {}) const;
+  // Starts argv[0] (an absolute path inside) as root in / with a plain environment.
+  Process spawn(const std::vector<std::string>& argv) const;
 
   // While it lives, sockets the calling thread (and threads it starts) opens
   // belong to the sandbox's network, so a test can be the agent's peer.
@@ -101,7 +91,6 @@ class Sandbox {
 
  private:
   pid_t init_ = -1;    // pid 1 of the sandbox, as the host sees it
-  pid_t holder_ = -1;  // its parent in the host namespace
   std::string stage_;  // host folder the root is mounted on (empty on the host)
   std::string error_;
 };
@@ -110,6 +99,6 @@ class Sandbox {
 bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds timeout);
 
 // Whole file, or nothing if it cannot be read.
-std::optional<std::string> readFile(const std::string& path);
+inline constexpr auto readFile = &test_support::slurp;
 
 }  // namespace sandbox

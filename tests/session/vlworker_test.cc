@@ -1,201 +1,186 @@
-// One session on a socket pair: the worker on one end, the test as the
-// console on the other.
+// Sessions on a loopback connection: the worker at one end, the test as the console.
 #include "session/vlworker.h"
 
-#include "session/session.h"
+#include <netinet/in.h>
+#include <unistd.h>
 
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <chrono>
-#include <sstream>
 #include <thread>
 
+#include "console_end.h"
 #include "prefs/prefs.h"
 #include "test_support.h"
-#include "console_end.h"
-#include "varlo/records.h"
 
 using namespace varlo;
 using namespace std::chrono_literals;
 using test_support::Bytes;
+using test_support::prefixOf;
 
 namespace {
+
+// A loopback TCP connection: the agent's end, then the console's.
+std::array<int, 2> connectedPair() {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in at{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t len = sizeof at;
+  auto* addr = reinterpret_cast<sockaddr*>(&at);
+  EXPECT_EQ(bind(listener, addr, len) | listen(listener, 1) | getsockname(listener, addr, &len), 0);
+  const int console = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(console, addr, len), 0);
+  const std::array<int, 2> fds{accept(listener, nullptr, nullptr), console};
+  close(listener);
+  return fds;
+}
+
+// The first five bytes of each record in a run of records of one size.
+std::vector<Bytes> prefixes(const Bytes& run, std::size_t size) {
+  std::vector<Bytes> out;
+  for (std::size_t at = 0; at < run.size(); at += size)
+    out.push_back(prefixOf(Bytes(run.begin() + at, run.end())));
+  return out;
+}
 
 class WorkerSession : public ::testing::Test {
  protected:
   void SetUp() override {
     PrefsSources sources;
     sources.localPrefsDir = prefsDir_.path;
-    sources.utmp = prefsDir_ / "utmp";
-    sources.wtmp = prefsDir_ / "wtmp";
-    sources.logindSeats = prefsDir_ / "seats";
     sources.folders.clear();
     prefs_ = std::make_unique<CPrefs>(sources);
     prefs_->init();
   }
-
   void TearDown() override {
     if (thread_.joinable()) thread_.join();
   }
 
-  // Starts a worker on a fresh connection.
-  void start() {
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  // A worker on a fresh connection, sent the header of code unless that is negative.
+  void start(int code, const std::string& password = "") {
+    const auto fds = connectedPair();
     console_ = test_support::ConsoleEnd(fds[1]);
     worker_ = std::make_unique<VLWorker>(prefs_.get());
     VLWorker::task task{fds[0], {}, {}};
     ASSERT_EQ(worker_->init(&task), 0);
+    id_ = std::to_string(worker_->id());
     thread_ = std::thread(&VLWorker::run, worker_.get());
+    if (code >= 0) {
+      ASSERT_TRUE(console_.sendHeader(static_cast<std::uint16_t>(code), password));
+    }
   }
-
-  // Ends the session and the worker, which closes its end.
+  // Waits for the worker to end; it closes its end.
   void finish() {
     thread_.join();
     EXPECT_TRUE(worker_->finished());
     worker_.reset();
   }
-
-  void send(const void* data, std::size_t n) { ASSERT_TRUE(console_.send(data, n)); }
-  template <std::size_t N>
-  void send(const WireRecord<N>& r) {
-    send(r.data(), N);
+  // A whole session: header, input, end of input; what the agent sent until it closed.
+  Bytes exchange(int code, const Bytes& input, const std::string& password = "") {
+    start(code, password);
+    EXPECT_TRUE(console_.send(input.data(), input.size()));
+    shutdown(console_.fd(), SHUT_WR);
+    const Bytes out = console_.receive(1 << 16);
+    finish();
+    return out;
   }
-  void sendHeader(std::uint16_t command, const std::string& password) {
-    ASSERT_TRUE(console_.sendHeader(command, password));
-  }
-  Bytes receive(std::size_t n, std::chrono::milliseconds wait = 3000ms) {
-    return console_.receive(n, wait);
-  }
-  bool closedByAgent() { return console_.closedByPeer(); }
 
   test_support::TempDir prefsDir_;
   test_support::LogCapture log_;
   std::unique_ptr<CPrefs> prefs_;
   std::unique_ptr<VLWorker> worker_;
+  std::string id_;
   std::thread thread_;
   test_support::ConsoleEnd console_;
 };
 
-using test_support::prefixOf;
-Bytes prefix(const Bytes& record) { return prefixOf(record); }
-
 }  // namespace
 
 TEST_F(WorkerSession, UnknownCodeIsLoggedAndUnanswered) {
-  start();
-  sendHeader(11, "");
-  EXPECT_TRUE(closedByAgent());
-  const std::string who = "Worker Thread: " + std::to_string(worker_->id());
-  finish();
-  const auto lines = log_.messages();
-  EXPECT_TRUE(log_.contains(who + " starting"));
-  EXPECT_TRUE(log_.contains(who + " received unknown command: 11"));
-  EXPECT_TRUE(log_.contains(who + " finished"));
-  EXPECT_EQ(lines.back(), who + " successfully closed socket.");
+  EXPECT_TRUE(exchange(11, {}).empty());
+  const std::string who = "Worker Thread: " + id_;
+  const auto m = log_.messages();
+  EXPECT_EQ(std::vector(m.end() - std::min<std::size_t>(4, m.size()), m.end()),
+            (std::vector<std::string>{who + " starting", who + " received unknown command: 11",
+                                      who + " finished", who + " successfully closed socket."}));
 }
 
 TEST_F(WorkerSession, WrongPasswordGetsTheRejectionRecordOfItsCommand) {
   ASSERT_EQ(prefs_->changePassword("right"), 0);
-  struct Case {
-    std::uint16_t code;
-    std::size_t size;
-  };
-  for (const Case c : {Case{12, 268}, Case{1, 1272}, Case{3, 14}, Case{23, 34}, Case{33, 324},
-                       Case{34, 324}, Case{24, 0}, Case{11, 0}}) {
-    start();
-    sendHeader(c.code, "wrong");
-    const Bytes reply = receive(2000, 1500ms);
-    finish();
-    ASSERT_EQ(reply.size(), c.size) << "command " << c.code;
-    if (c.size == 0) continue;
-    EXPECT_EQ(prefix(reply), (Bytes{0, static_cast<std::uint8_t>(c.code), 0, 1, 0xFF}));
-    EXPECT_EQ(std::count(reply.begin() + 5, reply.end(), 0), static_cast<long>(c.size - 5));
+  for (const auto& [code, size] : {std::pair{12, 268}, {1, 1272}, {3, 14}, {23, 34}, {33, 324},
+                                   {34, 324}, {24, 0}, {11, 0}}) {
+    const Bytes reply = exchange(code, {}, "wrong");
+    ASSERT_EQ(reply.size(), static_cast<std::size_t>(size)) << "command " << code;
+    if (size == 0) continue;
+    EXPECT_EQ(prefixOf(reply), (Bytes{0, static_cast<std::uint8_t>(code), 0, 1, 0xFF}));
+    EXPECT_EQ(std::count(reply.begin() + 5, reply.end(), 0), size - 5);
   }
   EXPECT_TRUE(log_.contains("Password did not validate!"));
 }
 
-TEST_F(WorkerSession, SilentConsoleTimesOutAfterASecond) {
-  start();
-  const auto before = std::chrono::steady_clock::now();
-  EXPECT_TRUE(receive(1, 3000ms).empty());
-  const auto waited = std::chrono::steady_clock::now() - before;
-  EXPECT_GE(waited, 900ms);
-  EXPECT_LT(waited, 2500ms);
-  const std::string id = std::to_string(worker_->id());
-  finish();
-  EXPECT_TRUE(log_.contains("Worker " + id + " did not receive data in a timely manner"));
-
-  // A header split by a pause longer than a second fails too.
-  start();
-  send("\x00\x11\x00", 3);
+TEST_F(WorkerSession, ASplitHeaderOrAResetEndsTheSession) {
+  start(-1);  // a header split by a pause longer than a second
+  ASSERT_TRUE(console_.send("\x00\x11\x00", 3));
   std::this_thread::sleep_for(1300ms);
   // The agent has given up by now, so this may find the connection closed.
   ::send(console_.fd(), "\x00\x00\x00\x00\x00\x00\x00\x00\x00", 9, MSG_NOSIGNAL);
-  EXPECT_TRUE(closedByAgent());
+  EXPECT_TRUE(console_.closedByPeer());
   finish();
-}
+  EXPECT_TRUE(log_.contains("Worker " + id_ + " did not receive data in a timely manner"));
 
-TEST_F(WorkerSession, ChangePasswordAndItsFailedRequest) {
-  start();
-  sendHeader(17, "");
-  send("\x03new\0\0\0\0", 8);
-  Bytes reply = receive(324);
-  ASSERT_EQ(reply.size(), 324u);
-  EXPECT_EQ(prefix(reply), (Bytes{0, 17, 1, 1, 0}));
-  finish();
-  EXPECT_EQ(prefs_->validatePassword("new"), 1);
-
-  // The request never comes: the reply still goes out, as a failure.
-  start();
-  sendHeader(17, "new");
-  reply = receive(324, 3000ms);
-  ASSERT_EQ(reply.size(), 324u);
-  EXPECT_EQ(prefix(reply), (Bytes{0, 17, 0, 1, 0}));
-  finish();
-  EXPECT_EQ(prefs_->validatePassword("new"), 1);
-}
-
-TEST_F(WorkerSession, AssignDbmsKeyEchoesTheRequest) {
-  start();
-  sendHeader(33, "");
-  varlo_manage::Bytes request{};
-  for (std::size_t i = 0; i < request.size(); ++i) request[i] = static_cast<std::uint8_t>(i * 7);
-  putU32(request.data() + 36, 0xDEADBEEF);
-  send(request);
-  const Bytes reply = receive(324);
-  finish();
-  ASSERT_EQ(reply.size(), 324u);
-  EXPECT_EQ(prefix(reply), (Bytes{0, 33, 1, 1, 0}));
-  EXPECT_TRUE(std::equal(reply.begin() + 5, reply.end(), request.begin() + 5));
-  EXPECT_EQ(prefs_->dbmsKey(), 0xDEADBEEFu);
-}
-
-TEST_F(WorkerSession, StoreNotesCollectsTenAndWritesOnce) {
-  start();
-  sendHeader(21, "");
-  EXPECT_EQ(prefix(receive(324)), (Bytes{0, 21, 1, 0, 0}));
-  for (std::uint32_t i = 0; i < 10; ++i) {
-    send(varlo_note{i, i % 3 == 0 ? "note " + std::to_string(i) : ""}.encode());
-    EXPECT_EQ(prefix(receive(324)), (Bytes{0, 21, 1, 0, 0})) << i;
-  }
-  EXPECT_TRUE(closedByAgent());
-  finish();
-  const auto file = test_support::slurp(prefs_->prefsFile());
-  ASSERT_TRUE(file.has_value());
-  EXPECT_EQ(*file, "Note0 note 0\nNote3 note 3\nNote6 note 6\nNote9 note 9\n");
-
-  // Dropped after the fourth note: four handed over, nothing written.
-  start();
-  sendHeader(21, "");
-  receive(324);
-  for (std::uint32_t i = 0; i < 4; ++i) {
-    send(varlo_note{i, "again " + std::to_string(i)}.encode());
-    receive(324);
-  }
+  start(-1);
+  const linger abort{1, 0};  // the close sends a reset, not the end of the stream
+  ASSERT_EQ(setsockopt(console_.fd(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
   console_.close();
   finish();
+  EXPECT_EQ(log_.count("Error checking for received data. Error: 104"), 1);
+  EXPECT_FALSE(log_.contains("Worker " + id_ + " did not receive data in a timely manner"));
+}
+
+TEST_F(WorkerSession, ChangePasswordAndARequestThatNeverComes) {
+  EXPECT_EQ(prefixOf(exchange(17, {3, 'n', 'e', 'w', 0, 0, 0, 0})), (Bytes{0, 17, 1, 1, 0}));
+  EXPECT_EQ(prefs_->validatePassword("new"), 1);
+  const Bytes failed = exchange(17, {}, "new");  // the reply still goes out, as a failure
+  EXPECT_EQ(failed.size(), 324u);
+  EXPECT_EQ(prefixOf(failed), (Bytes{0, 17, 0, 1, 0}));
+  EXPECT_EQ(prefs_->validatePassword("new"), 1);
+}
+
+// Only a whole request sets the key (and is echoed); one cut short fails, the key kept.
+TEST_F(WorkerSession, AssignDbmsKeyTakesOnlyAWholeRequest) {
+  ASSERT_EQ(prefs_->setDBMSKey(77), 0);
+  Bytes request(324);
+  for (std::size_t i = 0; i < request.size(); ++i) request[i] = static_cast<std::uint8_t>(i * 7);
+  putU32(request.data() + 36, 0xDEADBEEF);
+  for (const std::size_t sent : {0ul, 2ul, 38ul, request.size()}) {
+    const bool whole = sent == request.size();
+    const Bytes reply = exchange(33, Bytes(request.begin(), request.begin() + sent));
+    ASSERT_EQ(reply.size(), 324u) << sent;
+    EXPECT_EQ(prefixOf(reply), (Bytes{0, 33, whole, 1, 0})) << sent;
+    const Bytes echo = whole ? request : Bytes(324);
+    EXPECT_TRUE(std::equal(reply.begin() + 5, reply.end(), echo.begin() + 5)) << sent;
+    EXPECT_EQ(prefs_->dbmsKey(), whole ? 0xDEADBEEFu : 77u) << sent;
+  }
+}
+
+TEST_F(WorkerSession, StoreNotesKeepsIndexesZeroToNineWritesOnceAndNotBeforeTheTenth) {
+  const auto notes = [](std::initializer_list<std::pair<std::uint32_t, std::string>> list) {
+    Bytes wire;
+    for (const auto& [index, text] : list) {
+      const auto note = varlo_note{index, text}.encode();
+      wire.insert(wire.end(), note.begin(), note.end());
+    }
+    return wire;
+  };
+  const Bytes acks = exchange(21, notes({{0, "note 0"}, {1, ""}, {2, ""}, {3, "note 3"}, {10, "ten"},
+                                         {0xFFFFFFFF, "max"}, {6, "note 6"}, {7, ""}, {8, ""},
+                                         {9, "note 9"}}));
+  EXPECT_EQ(prefixes(acks, 324), std::vector(11, Bytes{0, 21, 1, 0, 0}));
+  const auto file = test_support::slurp(prefs_->prefsFile());
+  EXPECT_EQ(file, "Note0 note 0\nNote3 note 3\nNote6 note 6\nNote9 note 9\n");
+  EXPECT_EQ(log_.count("Note index 10 is out of range, note not stored"), 1);
+  EXPECT_EQ(log_.count("Note index -1 is out of range, note not stored"), 1);
+  EXPECT_EQ(log_.count("Successfully wrote notes to file"), 1);
+
+  // Ended after the fourth note: four handed over, nothing written.
+  EXPECT_EQ(prefixes(exchange(21, notes({{0, "a"}, {1, "b"}, {2, "c"}, {3, "again 3"}})), 324),
+            std::vector(5, Bytes{0, 21, 1, 0, 0}));
   std::string text;
   ASSERT_EQ(prefs_->retrieveNote(text, 3), 0);
   EXPECT_EQ(text, "again 3");
@@ -205,59 +190,20 @@ TEST_F(WorkerSession, StoreNotesCollectsTenAndWritesOnce) {
 TEST_F(WorkerSession, RetrieveNotesStopsAtTheConsolesRefusal) {
   ASSERT_EQ(prefs_->storeNotes(std::string(300, 'x').c_str(), 0, false), 0);
   ASSERT_EQ(prefs_->storeNotes("second", 1, false), 0);
-  start();
-  sendHeader(22, "");
-  EXPECT_EQ(prefix(receive(324)), (Bytes{0, 0, 1, 0, 0}));
-  for (std::uint32_t i = 0; i < 3; ++i) {
-    const Bytes wire = receive(varlo_note::kSize);
-    ASSERT_EQ(wire.size(), varlo_note::kSize);
-    varlo_note::Bytes record;
-    std::copy(wire.begin(), wire.end(), record.begin());
-    const varlo_note note = varlo_note::decode(record);
-    EXPECT_EQ(note.index, i);
-    const std::string expected[] = {std::string(255, 'x'), "second", ""};  // the first cut to the field
-    EXPECT_EQ(note.text, expected[i]);
-    send(varlo_manage::acknowledgement(i != 2));
+  Bytes acks;
+  for (bool ok : {true, true, false}) {
+    const auto ack = varlo_manage::acknowledgement(ok);
+    acks.insert(acks.end(), ack.begin(), ack.end());
   }
-  EXPECT_TRUE(closedByAgent());  // notes 3 to 9 never come
-  finish();
+  const Bytes out = exchange(22, acks);
+  ASSERT_EQ(out.size(), 324 + 3 * varlo_note::kSize);  // notes 3 to 9 never come
+  EXPECT_EQ(prefixOf(out), (Bytes{0, 0, 1, 0, 0}));
+  const std::string expected[] = {std::string(255, 'x'), "second", ""};  // cut to the field
+  for (std::uint32_t i = 0; i < 3; ++i) {
+    varlo_note::Bytes wire;
+    std::copy_n(out.begin() + 324 + i * varlo_note::kSize, wire.size(), wire.begin());
+    EXPECT_EQ(varlo_note::decode(wire).index, i);
+    EXPECT_EQ(varlo_note::decode(wire).text, expected[i]);
+  }
   EXPECT_TRUE(log_.contains("Received a false result from Pathmere"));
-}
-
-TEST_F(WorkerSession, FileDataArrivesInAcknowledgedChunks) {
-  std::stringstream file;
-  int result = -2;
-  int fds[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-  console_ = test_support::ConsoleEnd(fds[1]);
-  Session session(fds[0], 7, *prefs_);
-  thread_ = std::thread([&] { result = session.receiveFileData(file); });
-
-  const std::string first(5000, 'a');  // more than one 3072-byte piece
-  auto chunk = [&](const std::string& data, bool last) {
-    send(Bytes{0, 0, 1, static_cast<std::uint8_t>(last), 0, 0, 0, 0, 0, 0, 0, 0}.data(), 12);
-    std::uint8_t length[4];
-    putU32(length, static_cast<std::uint32_t>(data.size()));
-    send(length, 4);
-    send(data.data(), data.size());
-    EXPECT_EQ(prefix(receive(324)), (Bytes{0, 0, 1, 1, 0}));
-  };
-  chunk(first, false);
-  chunk("", false);  // an empty chunk is acknowledged like any other
-  chunk("tail", true);
-  EXPECT_EQ(prefix(receive(324)), (Bytes{0, 0, 1, 1, 0}));  // the closing acknowledgement
-  thread_.join();
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(file.str(), first + "tail");
-  EXPECT_TRUE(log_.contains("Received: 5004 bytes total"));
-
-  // A length that never arrives is answered with the refusal.
-  thread_ = std::thread([&] { result = session.receiveFileData(file); });
-  send(Bytes{0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0}.data(), 12);
-  const Bytes refusal = receive(324);
-  thread_.join();
-  EXPECT_EQ(result, -1);
-  ASSERT_EQ(refusal.size(), 324u);
-  EXPECT_EQ(prefix(refusal), (Bytes{0, 0, 0, 1, 0}));
-  EXPECT_EQ(refusal[68], std::strlen("Failed to receive data."));
 }
