@@ -1,16 +1,16 @@
-// Stand-ins for an agent on 127.0.0.1, for the varloctl tests: a TCP peer
-// that plays one scripted dialogue, and a UDP peer that answers one probe.
-// Every wait is bounded, so a client fault fails a test instead of hanging it.
+// A stand-in for an agent on 127.0.0.1, for the varloctl tests: a TCP peer
+// that plays one scripted dialogue. Every wait is bounded, so a client fault
+// fails a test instead of hanging it.
 #pragma once
 
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <thread>
@@ -39,13 +39,7 @@ inline Bytes operator+(Bytes a, const Bytes& b) {
   return a;
 }
 
-inline constexpr int kPeerWaitMs = 5000;
-
-inline bool readable(int fd, int ms = kPeerWaitMs) {
-  pollfd p{fd, POLLIN, 0};
-  return ::poll(&p, 1, ms) > 0;
-}
-
+// A socket on 127.0.0.1 and the port it got; reads on it wait at most 5 s.
 inline UniqueFd loopbackSocket(int type, std::uint16_t& port) {
   UniqueFd fd(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
   sockaddr_in a{};
@@ -55,6 +49,8 @@ inline UniqueFd loopbackSocket(int type, std::uint16_t& port) {
   ::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a);
   ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&a), &len);
   port = ntohs(a.sin_port);
+  const timeval bound{5, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
   return fd;
 }
 
@@ -90,33 +86,23 @@ class FakeAgent {
 
  private:
   void play() {
-    if (!readable(listener_.get())) return void(mismatch_ = "no connection");
-    UniqueFd conn(::accept(listener_.get(), nullptr, nullptr));
+    pollfd p{listener_.get(), POLLIN, 0};
+    if (::poll(&p, 1, 5000) <= 0) return void(mismatch_ = "no connection");
+    UniqueFd conn(::accept(listener_.get(), nullptr, nullptr));  // inherits the bound on reads
     for (const Step& s : script_) {
       if (s.kind == Step::Close) return;
       if (s.kind == Step::Pause) std::this_thread::sleep_for(std::chrono::milliseconds(s.ms));
       if (s.kind == Step::Send) ::send(conn.get(), s.data.data(), s.data.size(), MSG_NOSIGNAL);
-      if (s.kind == Step::Expect) {
-        Bytes got(s.data.size());
-        std::size_t n = 0;
-        while (n < got.size() && readable(conn.get())) {
-          const ssize_t r = ::recv(conn.get(), got.data() + n, got.size() - n, 0);
-          if (r <= 0) break;
-          n += static_cast<std::size_t>(r);
-        }
-        if (n != got.size() || got != s.data) {
-          mismatch_ = "expected " + std::to_string(s.data.size()) + " bytes, got " +
-                      std::to_string(n) + (n == got.size() ? " that differ" : "");
-          return;
-        }
-      }
+      if (s.kind != Step::Expect) continue;
+      Bytes got(s.data.size());
+      const ssize_t n = ::recv(conn.get(), got.data(), got.size(), MSG_WAITALL);
+      if (got != s.data)
+        return void(mismatch_ = "expected " + std::to_string(s.data.size()) + " bytes, got " +
+                                std::to_string(n) + " that differ");
     }
     std::uint8_t buf[512];
-    while (readable(conn.get())) {
-      const ssize_t r = ::recv(conn.get(), buf, sizeof buf, 0);
-      if (r <= 0) break;
-      extra_.insert(extra_.end(), buf, buf + r);
-    }
+    for (ssize_t n; (n = ::recv(conn.get(), buf, sizeof buf, 0)) > 0;)
+      extra_.insert(extra_.end(), buf, buf + n);
   }
 
   std::vector<Step> script_;
@@ -125,38 +111,6 @@ class FakeAgent {
   std::thread thread_;
   std::string mismatch_;
   Bytes extra_;
-};
-
-// Answers the first datagram with each of `replies`, in order.
-class FakeProbeResponder {
- public:
-  explicit FakeProbeResponder(std::vector<Bytes> replies) : replies_(std::move(replies)) {
-    socket_ = loopbackSocket(SOCK_DGRAM, port_);
-    thread_ = std::thread([this] {
-      if (!readable(socket_.get())) return;
-      sockaddr_in from{};
-      socklen_t len = sizeof from;
-      probe_.resize(2048);
-      const ssize_t n = ::recvfrom(socket_.get(), probe_.data(), probe_.size(), 0,
-                                   reinterpret_cast<sockaddr*>(&from), &len);
-      probe_.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-      for (const Bytes& r : replies_)
-        ::sendto(socket_.get(), r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
-    });
-  }
-  ~FakeProbeResponder() { join(); }
-  void join() {
-    if (thread_.joinable()) thread_.join();
-  }
-  std::uint16_t port() const { return port_; }
-  const Bytes& probe() const { return probe_; }  // after join()
-
- private:
-  std::vector<Bytes> replies_;
-  UniqueFd socket_;
-  std::uint16_t port_ = 0;
-  std::thread thread_;
-  Bytes probe_;
 };
 
 }  // namespace varloctl_test
