@@ -38,6 +38,7 @@ class ConsoleEnd {
   void close() { session_.reset(); }
 
   bool send(const void* data, std::size_t n) {
+    if (!session_) return false;
     try {
       session_->send(static_cast<const std::uint8_t*>(data), n);
       return true;
