@@ -245,10 +245,12 @@ void HostDescription::openNotifications() {
   std::set<std::string> watched;
   for (const std::string& f : sources_.loginFiles) {
     loginNames_.insert(baseName(f));
-    // The folder, since login tools often replace the file by a rename.
+    // The folder, since login tools often replace the file by a rename. Not
+    // IN_MODIFY: the agent's own log shares /var/log with wtmp, and every
+    // line it writes would wake the watcher; login tools close what they write.
     if (loginEvents_.valid() && watched.insert(folderOf(f)).second)
       inotify_add_watch(loginEvents_.get(), folderOf(f).c_str(),
-                        IN_CLOSE_WRITE | IN_MODIFY | IN_CREATE | IN_MOVED_TO);
+                        IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO);
   }
 }
 
