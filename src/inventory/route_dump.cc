@@ -99,8 +99,10 @@ bool wellFramed(const void* buf, std::size_t len) {
   while (len >= sizeof(nlmsghdr)) {
     nlmsghdr h;
     std::memcpy(&h, p, sizeof h);
-    if (h.nlmsg_len < sizeof(nlmsghdr) || h.nlmsg_len > len) return false;
-    const std::size_t step = std::min<std::size_t>(NLMSG_ALIGN(h.nlmsg_len), len);
+    // libmnl walks a message's attributes up to its aligned end, so that
+    // end, not the length field, must lie inside what was received.
+    const std::size_t step = (std::size_t{h.nlmsg_len} + NLMSG_ALIGNTO - 1) & ~std::size_t{3};
+    if (h.nlmsg_len < sizeof(nlmsghdr) || step > len) return false;
     p += step;
     len -= step;
   }
