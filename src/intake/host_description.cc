@@ -6,14 +6,12 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 
 #include "inventory/config_info.h"
 #include "inventory/netinfo.h"
@@ -57,12 +55,6 @@ std::string stampOf(const std::vector<std::string>& files) {
   return stamp;
 }
 
-std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-std::string folderOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
 // Drains a non-blocking descriptor.
 void drain(int fd) {
   char buf[8192];
@@ -77,7 +69,7 @@ HostDescription::HostDescription(CPrefs& prefs) : HostDescription(prefs, Sources
 HostDescription::HostDescription(CPrefs& prefs, Sources sources)
     : prefs_(prefs), sources_(std::move(sources)), shared_(std::make_shared<Shared>()) {
   if (!sources_.watch) return;
-  openNotifications();
+  subscribe();
   rebuildInterfaces();
   wake_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   // The resolver may sit in a look-up for as long as the name service
@@ -232,7 +224,7 @@ varlo_probe_reply HostDescription::reply() {
   return reply;
 }
 
-void HostDescription::openNotifications() {
+void HostDescription::subscribe() {
   // Subscribed before the first rebuild, so no change falls between the two.
   routeEvents_.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
   sockaddr_nl groups{};
@@ -241,25 +233,12 @@ void HostDescription::openNotifications() {
   if (routeEvents_.valid() &&
       ::bind(routeEvents_.get(), reinterpret_cast<sockaddr*>(&groups), sizeof groups) != 0)
     routeEvents_.reset();
-  loginEvents_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  std::set<std::string> watched;
-  for (const std::string& f : sources_.loginFiles) {
-    loginNames_.insert(baseName(f));
-    // The folder, since login tools often replace the file by a rename. Not
-    // IN_MODIFY: the agent's own log shares /var/log with wtmp, and every
-    // line it writes would wake the watcher; login tools close what they write.
-    if (loginEvents_.valid() && watched.insert(folderOf(f)).second)
-      inotify_add_watch(loginEvents_.get(), folderOf(f).c_str(),
-                        IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO);
-  }
 }
 
 void HostDescription::watch() {
   for (;;) {
-    pollfd fds[3] = {{wake_.get(), POLLIN, 0},
-                     {routeEvents_.get(), POLLIN, 0},
-                     {loginEvents_.get(), POLLIN, 0}};
-    if (::poll(fds, 3, -1) < 0) {
+    pollfd fds[2] = {{wake_.get(), POLLIN, 0}, {routeEvents_.get(), POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
     }
@@ -269,19 +248,6 @@ void HostDescription::watch() {
       // (ENOBUFS) is handled the same way.
       drain(fds[1].fd);
       rebuildInterfaces();
-    }
-    if (fds[2].revents & POLLIN) {
-      bool loginChanged = false;
-      alignas(inotify_event) char buf[4096];
-      ssize_t n;
-      while ((n = ::read(loginEvents_.get(), buf, sizeof buf)) > 0) {
-        for (char* p = buf; p < buf + n;) {
-          const auto* event = reinterpret_cast<const inotify_event*>(p);
-          if (event->len > 0 && loginNames_.count(event->name) != 0) loginChanged = true;
-          p += sizeof(inotify_event) + event->len;
-        }
-      }
-      if (loginChanged) prefs_.checkForUser();
     }
   }
 }

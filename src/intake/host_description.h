@@ -1,17 +1,16 @@
 // The host as the probe reply describes it, kept current by change
 // notifications so that answering a probe never waits on the name service,
 // a mount or a routing dump: a watcher thread rebuilds the interfaces when
-// rtnetlink reports a link, address or route change and refreshes the
-// console user when the login records change, and the host name is
+// rtnetlink reports a link, address or route change, and the host name is
 // resolved on a thread of its own whenever the name or the files that
-// decide its resolution change.
+// decide its resolution change. The console user and the DBMS key come from
+// the preferences, which the login listener keeps current.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,8 +28,6 @@ class HostDescription {
     // what the host name resolves to.
     std::vector<std::string> resolverFiles = {"/etc/hosts", "/etc/resolv.conf",
                                               "/etc/nsswitch.conf"};
-    // Login records: a change refreshes the console user.
-    std::vector<std::string> loginFiles = {"/run/utmp", "/var/log/wtmp"};
     std::shared_ptr<NetSource> net;  // null: the host's
     // False: no threads; every reply rebuilds what it needs (tests).
     bool watch = true;
@@ -65,7 +62,7 @@ class HostDescription {
 
  private:
   struct Shared;
-  void openNotifications();
+  void subscribe();
   void watch();
   void rebuildInterfaces();
   // Asks the resolver for name unless it is the name resolved (or being
@@ -76,8 +73,6 @@ class HostDescription {
   Sources sources_;
   std::shared_ptr<Shared> shared_;
   UniqueFd routeEvents_;  // rtnetlink: link, address and route changes
-  UniqueFd loginEvents_;  // inotify on the login records' folders
-  std::set<std::string> loginNames_;
   UniqueFd wake_;  // eventfd: tells the watcher to stop
   Thread watcher_;
 };

@@ -9,7 +9,7 @@
 #include "intake/vlbuffer.h"
 
 VLForeman::VLForeman(VLBuffer& buffer, CommandTable table)
-    : VLWorker(nullptr, table), buffer_(buffer), table_(table) {}
+    : VLWorker(nullptr, table), buffer_(buffer) {}
 
 void VLForeman::run() {
   Log->LogMessage("Foreman going to work");
@@ -30,7 +30,7 @@ void VLForeman::hire() {
   VLBuffer::connInfo conn;
   if (!buffer_.pop(conn)) return;
   VLWorker::task handed{conn.socket, conn.peer, std::move(conn.data)};
-  auto worker = std::make_unique<VLWorker>(nullptr, table_);
+  auto worker = std::make_unique<VLWorker>(nullptr, table());
   worker->init(&handed);
   try {
     Thread thread([w = worker.get()] { w->run(); });

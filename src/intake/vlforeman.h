@@ -34,7 +34,6 @@ class VLForeman : public VLWorker {
   void hire();
 
   VLBuffer& buffer_;
-  CommandTable table_;
   std::atomic<bool> quit_{false};
   Semaphore sem_;
   std::list<Hand> crew_;  // in creation order

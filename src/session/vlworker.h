@@ -42,6 +42,7 @@ class VLWorker {
   void ProcessCommand(std::uint16_t command);
 
   bool finished() const { return finished_.load(); }
+  CommandTable table() const { return table_; }
   unsigned id() const { return id_; }
   // Moves the ids of the processes this worker started to out.
   void returnPids(std::vector<pid_t>& out);

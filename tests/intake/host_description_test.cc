@@ -85,8 +85,7 @@ TEST(HostDescription, ReplyNeverWaitsAndTheNameIsAskedAgainOnlyWhenItsFilesChang
   EXPECT_EQ(unwatched.reply().ipAddress, ip(2));  // asked by the reply itself
   gAsked = 0;
   gDelayMs = 500;
-  HostDescription host(prefs, {.resolverFiles = {t / "hosts"}, .loginFiles = {t / "wtmp"},
-                               .net = std::make_shared<NoInterfaces>()});
+  HostDescription host(prefs, {.resolverFiles = {t / "hosts"}, .net = std::make_shared<NoInterfaces>()});
   const auto addressOnceItIs = [&](std::uint32_t want) {
     std::uint32_t got = 0;
     for (const auto end = std::chrono::steady_clock::now() + 3s;
