@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config
-  libssl-dev libsystemd-dev libmnl-dev libpci-dev
+  libssl-dev libsystemd-dev libmnl-dev libpci-dev libfontconfig-dev fontconfig
   libgtest-dev libgmock-dev
   libfuse3-dev fuse3
   util-linux procps

@@ -10,11 +10,12 @@ CHeartBeat::~CHeartBeat() {
   stopHeartbeat();
 }
 
-void CHeartBeat::startHeartbeat(const std::uint8_t* data, std::size_t dataLen) {
+void CHeartBeat::startHeartbeat(const std::uint8_t* data, std::size_t dataLen, Refresh refresh) {
   assert(data != nullptr && "data != 0");
   assert(dataLen != 0 && "dataLen != 0");
   if (thread_.joinable()) return;
   block_.assign(data, data + dataLen);
+  refresh_ = std::move(refresh);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     exitFlag_ = false;
@@ -48,6 +49,7 @@ void CHeartBeat::run() {
   // right after the start lets one through.
   do {
     lock.unlock();
+    if (refresh_) refresh_(block_.data());
     // A peer that has gone makes this fail; the rhythm goes on until stopped.
     [[maybe_unused]] ssize_t n = send(socket_, block_.data(), block_.size(), MSG_NOSIGNAL);
     lock.lock();

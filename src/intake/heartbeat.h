@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -15,8 +16,12 @@ class CHeartBeat {
   CHeartBeat(const CHeartBeat&) = delete;
   CHeartBeat& operator=(const CHeartBeat&) = delete;
 
+  // Brings the copy up to date before each send (a census's files counted so
+  // far); it runs on the heartbeat's thread.
+  using Refresh = std::function<void(std::uint8_t* block)>;
+
   // The block is always copied, so the caller's buffer may go at once.
-  void startHeartbeat(const std::uint8_t* data, std::size_t dataLen);
+  void startHeartbeat(const std::uint8_t* data, std::size_t dataLen, Refresh refresh = {});
   // Returns once the thread has sent its last block; at once when none runs.
   int stopHeartbeat();
   int getExitStatus();
@@ -26,6 +31,7 @@ class CHeartBeat {
 
   int socket_;  // not owned
   std::vector<std::uint8_t> block_;
+  Refresh refresh_;
   std::mutex mutex_;
   std::condition_variable wake_;
   bool exitFlag_ = false;
