@@ -13,11 +13,9 @@
 #include "base/util.h"
 #include "core/vllog.h"
 #include "inventory/mount_probe.h"
+#include "inventory/mount_table.h"
 
 namespace {
-
-// A mount table of thousands of entries (containers, snaps) still fits.
-constexpr std::size_t kMaxMountTable = 8 << 20;
 
 // Decimal digits only; anything else (or an overflow) is no number.
 bool parseCount(const std::string& text, std::uint64_t& out) {
@@ -37,24 +35,6 @@ std::vector<std::string> splitBlanks(const std::string& line) {
   std::vector<std::string> out;
   std::istringstream in(line);
   for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
-
-// The kinds that need no block device ("nodev" in /proc/filesystems).
-std::set<std::string> pseudoFileSystems(const std::string& path) {
-  std::set<std::string> out;
-  const auto text = readSmallFile(path);
-  if (!text) {
-    const int err = errno;
-    Log->LogMessage("Could not read the file system list " + path +
-                    ".  Error: " + std::to_string(err));
-    return out;
-  }
-  std::istringstream in(*text);
-  for (std::string line; std::getline(in, line);) {
-    const auto words = splitBlanks(line);
-    if (words.size() == 2 && words[0] == "nodev") out.insert(words[1]);
-  }
   return out;
 }
 
@@ -154,29 +134,13 @@ int CHDInfo::enumHardDisks() {
 int CHDInfo::enumPartitions(bool localOnly) {
   partitions_.clear();
   partitionPos_ = 0;
-  const std::string mountInfo = roots_.procPath(host_paths::kMountInfo);
-  const auto table = readSmallFile(mountInfo, kMaxMountTable);
-  if (!table) {
-    const int err = errno;
-    Log->LogMessage("Could not read the mount table " + mountInfo +
-                    ".  Error: " + std::to_string(err));
-    return 0;
-  }
-  const std::set<std::string> pseudo = pseudoFileSystems(roots_.procPath(host_paths::kFilesystems));
-  std::istringstream in(*table);
-  for (std::string line; std::getline(in, line);) {
-    Mount m;
-    if (!parseMountLine(line, m)) continue;
-    const bool remote = isNetworkFileSystem(m.type);
+  for (const MountEntry& m : MountTable::read(roots_)) {
+    const bool remote = m.kind == MountEntry::Kind::kNetwork;
     // The root is a volume whatever it is: an overlay or tmpfs root in a
     // container or a live system.
     const bool root = m.mountPoint == "/";
-    // "fuse.sshfs" is a mount of the kind "fuse".
-    const std::string kind = m.type.substr(0, m.type.find('.'));
-    // zfs needs no block device of its own but lies on disks.
-    if (!root && !remote && m.type != "zfs" && pseudo.count(kind) != 0) continue;
-    // Read-only images (snaps), one mount each.
-    if (!root && m.type == "squashfs") continue;
+    if (!root && (m.kind == MountEntry::Kind::kPseudo || m.kind == MountEntry::Kind::kImage))
+      continue;
     if (localOnly && remote) continue;
 
     partition p;

@@ -12,6 +12,8 @@
 #include "inventory/processes_handler.h"
 #include "inventory/scsi_handler.h"
 #include "inventory/volumes_handler.h"
+#include "software/backup_profiler_handler.h"
+#include "software/file_ext_handler.h"
 #include "varlo/commands.h"
 #include "varlo/config_record.h"
 #include "varlo/records.h"
@@ -47,13 +49,14 @@ constexpr CommandRow kTable[] = {
     {kSendMessageCommand, " received Send Message command", kManage, nullptr},
     {kStoreNotesCommand, " received Store Notes command", kManage, &storeNotes},
     {kRetrieveNotesCommand, " received Retrieve Notes command", kManage, &sendNotes},
-    {kFileExtensionCommand, " received File Extension command", kExtensionsRecordSize, nullptr},
+    {kFileExtensionCommand, " received File Extension command", kExtensionsRecordSize,
+     &sendFileExtData},
     {kThroughputCommand, " received Throughput command", 0, nullptr},
     {kLocalVolumesCommand, " received Volumes command", kList, &sendVolumeData},
     {kHardDiskCommand, " received Hard Disk command", kList, &sendDiskData},
     {kPciCommand, " received PCI command", kList, &sendPCIData},
     {kIpAddressCommand, " received IP Address command", kList, &sendIPAddrs},
-    {kBackupProfilerCommand, " received Backup Profiler command", kList, nullptr},
+    {kBackupProfilerCommand, " received Backup Profiler command", kList, &runBackupProfiler},
     {kAssignDbmsKeyCommand, " received Assign DBMS Key command", kManage, &assignDBMSKey},
     {kUnservedManageCommand, nullptr, kManage, nullptr},
 };
