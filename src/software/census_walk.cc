@@ -233,7 +233,7 @@ class CensusWalk::Run {
       if (options_.stop.stop_requested()) return false;
       const ssize_t n = getdents64(fd, buffer.data(), buffer.size());
       // A read error ends the listing like its end does; what was read counts.
-      if (n <= 0) return true;
+      if (n <= 0) break;
       for (ssize_t pos = 0; pos < n;) {
         const auto* entry = reinterpret_cast<const struct dirent64*>(buffer.data() + pos);
         pos += entry->d_reclen;
@@ -262,10 +262,16 @@ class CensusWalk::Run {
         const std::size_t len = std::strlen(name);
         summary.add(keyOf(name, len),
                     CensusWalk::sizeKbOf(static_cast<std::uint64_t>(st.st_blocks)));
-        if (++counted % kProgressStep == 0)
-          counted_.fetch_add(kProgressStep, std::memory_order_relaxed);
+        if (++counted == kProgressStep) flush(counted);
       }
     }
+    flush(counted);  // once per folder, so the heartbeat sees progress
+    return true;
+  }
+
+  void flush(std::uint64_t& counted) {
+    if (counted != 0) counted_.fetch_add(counted, std::memory_order_relaxed);
+    counted = 0;
   }
 
   void process(Task& task, std::vector<char>& buffer) {
@@ -315,7 +321,7 @@ class CensusWalk::Run {
       }
       going = scan(stack.back(), *summary, buffer, counted);
     }
-    counted_.fetch_add(counted % kProgressStep, std::memory_order_relaxed);
+    flush(counted);
   }
 
   // Leaves the finished folder on top of the stack. Its parent, if its
