@@ -19,6 +19,7 @@ bench=./build-bench/bench/varlo_bench
 # included, is ended at exit; waiting for them instead would take minutes.
 trap 'kill -TERM $(jobs -p) 2>/dev/null; wait' EXIT
 ./build-bench/varlo nodaemon &
+agent_pid=$!
 $bench echo-server 4348 &
 
 # snmpd answers on loopback only, reads no configuration but its own, and
@@ -92,3 +93,27 @@ sleep 1
 echo "processes visible: $(ls -d /proc/[0-9]* | wc -l)"
 $bench sessions 127.0.0.1 4347 1 5 3
 $bench run 50 ps -e -o pid=,comm=
+
+# The census walks "/", so it runs in a root holding the host's /usr and
+# nothing else on disk (tmpfs is no disk and is not counted): its answer is
+# then the census of /usr, timed against du -s /usr, both warm.
+echo "== File-extension census of /usr: agent (whole answer), then du -s /usr"
+kill -TERM "$agent_pid"
+wait "$agent_pid" 2>/dev/null || true
+jail=$(mktemp -d -p /var/tmp census.XXXXXX)
+mount -t tmpfs tmpfs "$jail"
+mkdir -p "$jail"/{usr,proc,tmp,run,etc,opt,var/log,var/lib,var/run}
+mount --bind /usr "$jail/usr"
+mount -o remount,bind,ro "$jail/usr"
+mount -t proc proc "$jail/proc"
+for l in bin sbin lib lib64; do [ -e "/usr/$l" ] && ln -s "usr/$l" "$jail/$l"; done
+cp ./build-bench/varlo "$jail/opt/varlo"
+chroot "$jail" /opt/varlo nodaemon &
+for try in $(seq 50); do $bench probe 127.0.0.1 4347 1 >/dev/null 2>&1 && break; sleep 0.1; done
+du -s /usr >/dev/null
+measure software 127.0.0.1 4347 5 23
+census_agent=$(printf '%s\n' "$figures")
+measure run 5 du -s /usr
+census_du=$figures
+echo "census / du -s ratio: p50 $(ratio "$census_agent" "$census_du" p50_us)" \
+  " mean $(ratio "$census_agent" "$census_du" mean_us)"

@@ -9,6 +9,11 @@
 //   varlo_bench sessions HOST PORT C SECS [CODE]
 //                                         C clients in a loop of sessions
 //   varlo_bench run N CMD [ARGS...]       runs a command N times, output dropped
+//   varlo_bench software HOST PORT N CODE one software list at a time, N times:
+//                                         Applications (6) or the file-extension
+//                                         census (23); reports the whole answer
+//                                         and, on a second figures line, the
+//                                         time to the first batch
 //
 // A session is one command: IP Address (28, the default) or Processes (3),
 // a header then list batches until the last; or Configuration (1), one
@@ -46,6 +51,7 @@
 #include "varlo/process_records.h"
 #include "varlo/probe.h"
 #include "varlo/records.h"
+#include "varlo/software_records.h"
 
 namespace {
 
@@ -354,6 +360,63 @@ int sessions(const char* host, int port, int clients, double seconds, std::uint1
   return 0;
 }
 
+// One Applications or census answer, read to its last header. first is
+// when the first batch (not a heartbeat) arrived; false when incomplete.
+bool softwareAnswer(const sockaddr_in& sa, std::uint16_t code, Clock::time_point start,
+                    double& firstUs, std::size_t& entries) {
+  const bool census = code == varlo::kFileExtensionCommand;
+  const std::size_t headerSize = census ? varlo::varlo_extensions::kSize : varlo::varlo_list_header::kSize;
+  const std::size_t entrySize = census ? varlo::varlo_extension::kSize : varlo::varlo_app::kSize;
+  try {
+    // A census of a big disk is quiet for long stretches but for its heartbeat.
+    varloctl::Session link = varloctl::Session::open({sa}, "agent", 60000);
+    varlo::varlo_cmd_header h;
+    h.command = code;
+    h.passwordBlock = *password_block::seal("");
+    link.send(h.encode());
+    if (census) link.send(varlo::varlo_extensions_request{0}.encode());
+    std::vector<std::uint8_t> head(headerSize), body;
+    firstUs = -1;
+    entries = 0;
+    for (;;) {
+      link.receive(head.data(), head.size());
+      const std::uint16_t count = varlo::getU16(head.data() + 12);
+      const bool last = head[3] != 0;
+      if (count == 0 && !last && firstUs < 0) continue;  // a heartbeat
+      if (firstUs < 0)
+        firstUs = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+      body.resize(count * entrySize);
+      if (!body.empty()) link.receive(body.data(), body.size());
+      entries += count;
+      if (last) return true;
+    }
+  } catch (const varloctl::CtlError& e) {
+    std::fprintf(stderr, "software answer: %s\n", e.what());
+    return false;
+  }
+}
+
+int software(const char* host, int port, int count, std::uint16_t code) {
+  const sockaddr_in sa = addressOf(host, port);
+  std::vector<double> whole, first;
+  std::size_t entries = 0;
+  const auto start = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    const auto t0 = Clock::now();
+    double firstUs = 0;
+    if (!softwareAnswer(sa, code, t0, firstUs, entries)) return 1;
+    whole.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    first.push_back(firstUs);
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  char what[96];
+  std::snprintf(what, sizeof what, "command %u, first batch (%zu entries in all)", code, entries);
+  report(what, first, seconds);
+  std::snprintf(what, sizeof what, "command %u, whole answer", code);
+  report(what, whole, seconds);
+  return 0;
+}
+
 int runCommand(int count, char** argv) {
   std::vector<double> micros;
   const auto start = Clock::now();
@@ -390,8 +453,12 @@ int main(int argc, char** argv) {
     return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]),
                     static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : varlo::kIpAddressCommand));
   if (mode == "run" && argc >= 4) return runCommand(std::atoi(argv[2]), argv + 3);
+  if (mode == "software" && argc == 6)
+    return software(argv[2], std::atoi(argv[3]), std::atoi(argv[4]),
+                    static_cast<std::uint16_t>(std::atoi(argv[5])));
   std::fprintf(stderr,
                "usage: varlo_bench echo-server PORT | probe HOST PORT N | "
-               "snmp-get HOST PORT N [COMMUNITY] | sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...]\n");
+               "snmp-get HOST PORT N [COMMUNITY] | sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...] | "
+               "software HOST PORT N CODE\n");
   return 2;
 }
