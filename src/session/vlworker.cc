@@ -19,6 +19,8 @@
 #include "prefs/password_block.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
+#include "software/backup_profiler_handler.h"
+#include "software/file_ext_handler.h"
 #include "varlo/commands.h"
 
 using namespace varlo;
@@ -106,3 +108,5 @@ void VLWorker::changePassword() { ::changePassword(*session_, kChangePasswordCom
 void VLWorker::assignDBMSKey() { ::assignDBMSKey(*session_, kAssignDbmsKeyCommand); }
 void VLWorker::storeNotes() { ::storeNotes(*session_, kStoreNotesCommand); }
 void VLWorker::sendNotes() { ::sendNotes(*session_, kRetrieveNotesCommand); }
+void VLWorker::sendFileExtData() { ::sendFileExtData(*session_, kFileExtensionCommand); }
+void VLWorker::runBackupProfiler() { ::runBackupProfiler(*session_, kBackupProfilerCommand); }

@@ -63,6 +63,8 @@ class VLWorker {
   void assignDBMSKey();
   void storeNotes();
   void sendNotes();
+  void sendFileExtData();
+  void runBackupProfiler();
 
  protected:
   std::vector<pid_t> pids_;
