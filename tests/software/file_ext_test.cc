@@ -262,14 +262,19 @@ TEST(FileExtCensus, UnopenableRootAndStopRequest) {
     EXPECT_EQ(files, 99u);
     EXPECT_TRUE(drain(census).empty());
   }
-  std::stop_source stop;
-  stop.request_stop();
-  CensusWalk::Options options;
-  options.stop = stop.get_token();
-  CFileExt census(dir.path, options);
-  unsigned long files = 0;
-  EXPECT_EQ(census.enumFileExts(files, 0), -1);
-  EXPECT_TRUE(drain(census).empty());
+  // Stopped before it starts, and half-way, at a mount it was about to enter.
+  for (bool midway : {false, true}) {
+    std::stop_source stop;
+    if (!midway) stop.request_stop();
+    CensusWalk::Options options;
+    options.stop = stop.get_token();
+    options.gates = {{dir / "d0", CensusWalk::Gate::kProbe}};
+    options.reachable = [&](const std::string&) { return stop.request_stop(), true; };
+    CFileExt census(dir.path, options);
+    unsigned long files = 0;
+    EXPECT_EQ(census.enumFileExts(files, 0), -1) << midway;
+    EXPECT_TRUE(drain(census).empty()) << midway;
+  }
 }
 
 TEST(FileExtCensus, ThreadedFormHandsOutResultsAfterTheCallReturns) {
