@@ -130,8 +130,8 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
   if (positional.empty()) throw usageError(std::string("missing HOST and COMMAND") + kSeeHelp);
 
   if (positional[0] == "discover") {
-    if (commandOption) throw usageError(*commandOption + " applies to " +
-                                        commandsTaking(*commandOption) + " only");
+    if (commandOption)
+      throw usageError(*commandOption + " applies to " + commandsTaking(*commandOption) + " only");
     inv.mode = Invocation::Mode::Discover;
     inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kDiscoverTimeoutMs;
     if (positional.size() > 2) throw usageError("discover takes at most one HOST");

@@ -18,35 +18,34 @@ std::unique_ptr<Command> CensusCommand::make(const std::vector<std::string>& arg
 
 Value CensusCommand::run(Session& session) {
   session.send(varlo::varlo_extensions_request{static_cast<std::int32_t>(days_)}.encode());
-  return describe(receiveCensus(session, progress_, true, {}), json_);
+  Budget budget;
+  return describe(receiveCensus(session, progress_, true, {}, budget), json_);
 }
 
 std::vector<varlo::varlo_extension> CensusCommand::receiveCensus(Session& session,
                                                                  Progress* progress, bool first,
-                                                                 std::string_view where) {
+                                                                 std::string_view where,
+                                                                 Budget& budget) {
   using varlo::varlo_extension;
   using varlo::varlo_extensions;
-  const std::size_t maxBatches = kMaxExtensions / varlo_extension::kBatch + 1;
   std::vector<varlo_extension> list;
-  for (std::size_t batches = 0, heartbeats = 0;;) {
-    if (batches == maxBatches || heartbeats == kMaxHeartbeats)
-      throw CtlError(kBadReply, "the agent sent " + std::to_string(batches) + " batches and " +
-                                    std::to_string(heartbeats) +
-                                    " heartbeats of its census without a last one");
-    const auto bytes = first && batches + heartbeats == 0
-                           ? receiveFirstReply<varlo_extensions::kSize>(session)
-                           : session.receive<varlo_extensions::kSize>();
+  for (bool opening = first;; opening = false) {
+    const auto bytes = opening ? receiveFirstReply<varlo_extensions::kSize>(session)
+                               : session.receive<varlo_extensions::kSize>();
     requireSuccess(bytes, "the agent could not count its files");
     const auto header = varlo_extensions::decode(bytes);
     if (header.count == 0 && !header.prefix.last) {
-      ++heartbeats;
+      if (budget.heartbeats == 0)
+        throw CtlError(kBadReply, "the agent sent more than " + std::to_string(kMaxHeartbeats) +
+                                      " heartbeats without ending its census");
+      --budget.heartbeats;
       if (progress != nullptr) progress->files(header.filesScanned, where);
       continue;
     }
-    ++batches;
-    if (list.size() + header.count > kMaxExtensions)
-      throw CtlError(kBadReply, "the agent announced more than " +
-                                    std::to_string(kMaxExtensions) + " extensions");
+    if (header.count > budget.extensions)
+      throw CtlError(kBadReply, "the agent announced more than " + std::to_string(kMaxExtensions) +
+                                    " extensions");
+    budget.extensions -= header.count;
     for (std::uint16_t i = 0; i < header.count; ++i) {
       const auto entry = session.receive<varlo_extension::kSize>();
       list.push_back(varlo_extension::decodeAt(entry.data()));

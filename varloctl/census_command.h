@@ -32,11 +32,20 @@ class CensusCommand : public Command {
   void setProgress(Progress* progress) override { progress_ = progress; }
   Value run(Session& session) override;
 
+  // What one answer may hold in all, shared by the profiler's partitions;
+  // only stops a runaway peer. Every batch but a heartbeat or the last
+  // brings an extension, so these bound the batches too.
+  struct Budget {
+    std::size_t heartbeats = kMaxHeartbeats;
+    std::size_t extensions = kMaxExtensions;
+  };
+
   // One census answer: heartbeats, then batches up to the last. first: it
   // opens the command's reply (where a rejected password shows); where:
   // the partition, for the progress line.
   static std::vector<varlo::varlo_extension> receiveCensus(Session& session, Progress* progress,
-                                                           bool first, std::string_view where);
+                                                           bool first, std::string_view where,
+                                                           Budget& budget);
 
   // The wire counts a file less than there are ("files" is the real
   // number); JSON also keeps the field as sent.

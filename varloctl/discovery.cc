@@ -45,7 +45,8 @@ std::vector<Discovery::Agent> Discovery::run() const {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) break;
     pollfd p{fd.get(), POLLIN, 0};
-    const int n = ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
+    const int n =
+        ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
     if (n == 0 || (n < 0 && errno == EINTR)) continue;
     if (n < 0) break;
 

@@ -34,8 +34,8 @@ int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
   std::optional<std::string> envPassword;
   if (const char* p = std::getenv("VARLO_PASSWORD")) envPassword = p;
-  const int status = varloctl::App::run(args, envPassword, std::cout, std::cerr,
-                                        ::isatty(STDERR_FILENO) == 1);
+  const int status =
+      varloctl::App::run(args, envPassword, std::cout, std::cerr, ::isatty(STDERR_FILENO) == 1);
   if (status == varloctl::kOk && !(std::cout << std::flush)) {
     std::cerr << "varloctl: cannot write the result\n";
     return varloctl::kFailed;

@@ -14,6 +14,7 @@ Value ProfilerCommand::run(Session& session) {
   using varlo::varlo_volume;
   session.send(varlo::varlo_extensions_request{static_cast<std::int32_t>(days_)}.encode());
   Value partitions = Value::array();
+  CensusCommand::Budget budget;
   for (std::size_t n = 0;; ++n) {
     if (n == kMaxPartitions + 1)
       throw CtlError(kBadReply, "the agent sent more than " + std::to_string(kMaxPartitions) +
@@ -25,15 +26,16 @@ Value ProfilerCommand::run(Session& session) {
     // One partition a header, each followed by its census; the last has none.
     const unsigned expected = header.prefix.last ? 0 : 1;
     if (header.count != expected)
-      throw CtlError(kBadReply, "the agent announced " + std::to_string(header.count) +
-                                    " partitions in a" + (expected ? "" : " last") +
-                                    " header; expected " + std::to_string(expected));
+      throw CtlError(kBadReply, std::string("the agent's ") + (expected ? "" : "last ") +
+                                    "partition header has a count of " +
+                                    std::to_string(header.count) + "; expected " +
+                                    std::to_string(expected));
     if (header.prefix.last) return partitions;
     const auto volume = session.receive<varlo_volume::kSize>();
     const auto partition = varlo_volume::decodeAt(volume.data());
-    partitions.push(
-        describe(partition,
-                 CensusCommand::receiveCensus(session, progress_, false, partition.name), json_));
+    partitions.push(describe(
+        partition, CensusCommand::receiveCensus(session, progress_, false, partition.name, budget),
+        json_));
   }
 }
 

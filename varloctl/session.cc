@@ -100,7 +100,8 @@ bool Session::wait(short events, Clock::time_point deadline) const {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return false;
     pollfd p{fd_.get(), events, 0};
-    const int n = ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
+    const int n =
+        ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
     if (n > 0) return true;  // errors and hang-ups show in the call that follows
     if (n < 0 && errno != EINTR)
       throw CtlError(kFailed, "waiting for " + peer_ + " failed: " + errnoText(errno));
@@ -145,12 +146,15 @@ void Session::receive(std::uint8_t* data, std::size_t len) {
     const ssize_t n = ::recv(fd_.get(), data + got, len - got, 0);
     if (n > 0) {
       got += static_cast<std::size_t>(n);
+      receivedAny_ = true;
       continue;
     }
     if (n == 0 || peerGone(errno)) {
-      if (got == 0)
-        throw CtlError(kClosed, "the agent refused the command or closed the connection");
-      throw CtlError(kClosed, "the agent closed the connection in the middle of a reply");
+      if (got != 0)
+        throw CtlError(kClosed, "the agent closed the connection in the middle of a reply");
+      if (receivedAny_)
+        throw CtlError(kClosed, "the agent closed the connection before the end of its answer");
+      throw CtlError(kClosed, "the agent refused the command or closed the connection");
     }
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) {

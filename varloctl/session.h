@@ -71,6 +71,8 @@ class Session {
   // The agent dropped the connection while we were sending. It may still
   // have answered first (a rejected password), so the next receive decides.
   bool sendFailed_ = false;
+  // Some of the answer came: a close now cuts it short rather than refusing.
+  bool receivedAny_ = false;
 };
 
 }  // namespace varloctl
