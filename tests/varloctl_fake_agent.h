@@ -12,12 +12,15 @@
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "varloctl/app.h"
 
 namespace varloctl_test {
 
@@ -112,5 +115,54 @@ class FakeAgent {
   std::string mismatch_;
   Bytes extra_;
 };
+
+using Script = std::vector<FakeAgent::Step>;
+using Words = std::vector<std::string>;
+
+// The password blocks the agent deciphers (DES under the key made from
+// "qorvelt") for "secret" and for no password.
+inline const Bytes kSecret = bytes({0xb1, 0x6e, 0xd7, 0x45, 0x29, 0x07, 0x5b, 0x4d});
+inline const Bytes kEmpty = bytes({0xae, 0xc6, 0xc2, 0x38, 0xc7, 0x44, 0xdb, 0xad});
+
+inline Bytes header(int code, const Bytes& block) {
+  return bytes({code >> 8, code & 0xFF, 0, 0}) + block;
+}
+
+inline Bytes pstring(const std::string& s) {
+  return bytes({int(s.size())}) + Bytes(s.begin(), s.end());
+}
+
+inline Bytes be32(std::uint32_t v) {
+  return bytes({int(v >> 24), int(v >> 16 & 0xFF), int(v >> 8 & 0xFF), int(v & 0xFF)});
+}
+
+// A reply record: prefix command, success, last, status; the rest zero.
+inline Bytes reply(std::size_t size, int code, int success, int last, int status = 0) {
+  return record(size, {{0, bytes({code >> 8, code & 0xFF, success, last, status})}});
+}
+
+struct Result {
+  int status;
+  std::string out, err, mismatch;
+  Bytes extra;
+};
+
+// varloctl args; terminal: whether its standard error is one.
+inline Result ctl(const Words& args, bool terminal = false) {
+  std::ostringstream out, err;
+  const int status = varloctl::App::run(args, std::nullopt, out, err, terminal);
+  return {status, out.str(), err.str(), "", {}};
+}
+
+// varloctl ... 127.0.0.1 words, against an agent that plays script.
+inline Result play(Script script, Words words, const std::string& timeout = "2",
+                   bool terminal = false) {
+  FakeAgent agent(std::move(script));
+  words.insert(words.begin(),
+               {"--port", std::to_string(agent.port()), "--timeout", timeout, "127.0.0.1"});
+  const Result r = ctl(words, terminal);
+  agent.join();
+  return {r.status, r.out, r.err, agent.mismatch(), agent.extra()};
+}
 
 }  // namespace varloctl_test

@@ -7,6 +7,7 @@
 #include "varloctl/discovery.h"
 #include "varloctl/json_writer.h"
 #include "varloctl/password_block.h"
+#include "varloctl/progress.h"
 #include "varloctl/resolver.h"
 #include "varloctl/session.h"
 #include "varloctl/table_writer.h"
@@ -22,18 +23,19 @@ Value discover(const Invocation& inv) {
   return Discovery::describe(agents);
 }
 
-Value command(const Invocation& inv) {
+Value command(const Invocation& inv, Progress& progress) {
   const std::string peer = inv.target + ":" + std::to_string(inv.port);
   Session session = Session::open(resolveIPv4(inv.target, inv.port), peer, inv.timeoutMs);
   session.send(PasswordBlock::header(inv.command->code(), inv.password));
   inv.command->setJson(inv.json);
+  inv.command->setProgress(&progress);
   return inv.command->run(session);
 }
 
 }  // namespace
 
 int App::run(const std::vector<std::string>& args, const std::optional<std::string>& envPassword,
-             std::ostream& out, std::ostream& err) {
+             std::ostream& out, std::ostream& err, bool errIsTerminal) {
   try {
     const Invocation inv = ArgParser::parse(args, envPassword);
     Value result;
@@ -44,9 +46,12 @@ int App::run(const std::vector<std::string>& args, const std::optional<std::stri
       case Invocation::Mode::Discover:
         result = discover(inv);
         break;
-      case Invocation::Mode::Command:
-        result = command(inv);
+      case Invocation::Mode::Command: {
+        // Gone from the terminal before the result or an error is printed.
+        Progress progress(err, errIsTerminal && !inv.json);
+        result = command(inv, progress);
         break;
+      }
     }
     out << (inv.json ? JsonWriter::write(result) : TableWriter::write(result));
     out.flush();

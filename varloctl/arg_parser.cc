@@ -42,6 +42,26 @@ const CommandSpec* findCommand(const std::vector<std::string>& rest, std::size_t
   return best;
 }
 
+std::string_view optionName(std::string_view option) { return option.substr(0, option.find(' ')); }
+
+// The commands whose own option is named name, e.g. "census and profiler".
+std::string commandsTaking(std::string_view name) {
+  std::vector<std::string_view> names;
+  for (const CommandSpec& spec : commandTable())
+    if (!spec.option.empty() && optionName(spec.option) == name) names.push_back(spec.name);
+  std::string out;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + std::string(names[i]);
+  return out;
+}
+
+std::string form(const CommandSpec& spec) {
+  std::string out(spec.name);
+  if (!spec.arguments.empty()) out += " " + std::string(spec.arguments);
+  if (!spec.option.empty()) out += " [" + std::string(spec.option) + "]";
+  return out;
+}
+
 [[noreturn]] void unknownCommand(const std::string& word) {
   std::string choices;
   for (const CommandSpec& spec : commandTable()) {
@@ -58,6 +78,8 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
                             const std::optional<std::string>& envPassword) {
   Invocation inv;
   std::optional<std::string> password, timeout, port, broadcast;
+  // An option of some command's own, checked once the command is known.
+  std::optional<std::string> commandOption, commandOptionValue;
   std::vector<std::string> positional;
   bool optionsDone = false;
 
@@ -87,6 +109,10 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
                                        : name == "--port"      ? &port
                                        : name == "--broadcast" ? &broadcast
                                                                : nullptr;
+    if (slot == nullptr && !commandsTaking(name).empty()) {
+      commandOption = name;
+      slot = &commandOptionValue;
+    }
     if (slot == nullptr) throw usageError("unknown option '" + a + "'" + kSeeHelp);
     if (eq != std::string::npos)
       *slot = a.substr(eq + 1);
@@ -104,6 +130,8 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
   if (positional.empty()) throw usageError(std::string("missing HOST and COMMAND") + kSeeHelp);
 
   if (positional[0] == "discover") {
+    if (commandOption)
+      throw usageError(*commandOption + " applies to " + commandsTaking(*commandOption) + " only");
     inv.mode = Invocation::Mode::Discover;
     inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kDiscoverTimeoutMs;
     if (positional.size() > 2) throw usageError("discover takes at most one HOST");
@@ -127,12 +155,14 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
   std::size_t used = 0;
   const CommandSpec* spec = findCommand(rest, used);
   if (spec == nullptr) unknownCommand(rest[0]);
-  const std::vector<std::string> arguments(rest.begin() + static_cast<std::ptrdiff_t>(used),
-                                           rest.end());
-  if (arguments.size() != spec->argumentCount) {
-    std::string form = "usage: varloctl [OPTIONS] HOST " + std::string(spec->name);
-    if (!spec->arguments.empty()) form += " " + std::string(spec->arguments);
-    throw usageError(form);
+  std::vector<std::string> arguments(rest.begin() + static_cast<std::ptrdiff_t>(used), rest.end());
+  if (arguments.size() != spec->argumentCount)
+    throw usageError("usage: varloctl [OPTIONS] HOST " + form(*spec));
+  if (commandOption) {
+    if (spec->option.empty() || optionName(spec->option) != *commandOption)
+      throw usageError(*commandOption + " applies to " + commandsTaking(*commandOption) + " only");
+    arguments.push_back(*commandOption);
+    arguments.push_back(*commandOptionValue);
   }
   inv.command = spec->make(arguments);
 
@@ -155,17 +185,15 @@ std::string ArgParser::usage() {
        "\n"
        "Commands:\n";
   row("discover [HOST]", "list the agents answering a probe sent to HOST or broadcast");
-  for (const CommandSpec& spec : commandTable()) {
-    std::string left(spec.name);
-    if (!spec.arguments.empty()) left += " " + std::string(spec.arguments);
-    row(left, spec.summary);
-  }
+  for (const CommandSpec& spec : commandTable()) row(form(spec), spec.summary);
   s << "\nOptions:\n";
   row("--password P", "session password (default: $VARLO_PASSWORD, else empty)");
   row("--timeout S", "seconds allowed for each reply (default 10; discover 2)");
   row("--broadcast ADDR", "discover: where to send the probe (default 255.255.255.255)");
   row("--port N", "the agent's port (default 4347)");
   row("--json", "print one JSON document instead of a table");
+  row("--days N", commandsTaking("--days") + ": only files changed in the last N days");
+  row("", "(0 to 3650; 0, the default, counts every file)");
   row("-h, --help", "show this text");
   s << "\nExit status:\n";
   row("0", "success", 3);
@@ -176,6 +204,7 @@ std::string ArgParser::usage() {
   row("5", "time-out (discover: no agent answered)", 3);
   row("6", "cannot connect: unknown host, connection refused, no route", 3);
   row("7", "the agent's reply makes no sense", 3);
+  row("130", "interrupted (Ctrl-C)", 3);
   return s.str();
 }
 

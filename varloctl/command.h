@@ -13,6 +13,8 @@
 
 namespace varloctl {
 
+class Progress;
+
 class Command {
  public:
   virtual ~Command() = default;
@@ -21,6 +23,9 @@ class Command {
   virtual Value run(Session& session) = 0;
   // Told before run() when the output is JSON, for commands that show more there.
   virtual void setJson(bool) {}
+  // Told before run(), for commands that take long to answer: where to show
+  // how far they got. Outlives run().
+  virtual void setProgress(Progress*) {}
 
  protected:
   // The first reply of a command is where a rejected password shows: a
@@ -35,22 +40,31 @@ class Command {
 
   // Every entry of a batched list: list headers, each followed by its
   // entries, up to the one marked last. noun names the entries in errors;
-  // maxEntries only stops a runaway peer.
+  // maxEntries only stops a runaway peer. An empty batch that is not the
+  // last is an agent's heartbeat while it still collects: up to
+  // maxHeartbeats of them do not count as batches.
   template <typename Entry>
   static std::vector<Entry> receiveList(Session& session, const std::string& failure,
                                         const std::string& noun,
-                                        std::size_t maxEntries = kMaxListEntries) {
+                                        std::size_t maxEntries = kMaxListEntries,
+                                        std::size_t maxHeartbeats = 0) {
     using varlo::varlo_list_header;
     const std::size_t maxBatches = maxEntries / Entry::kBatch + 1;
     std::vector<Entry> list;
-    for (std::size_t batch = 0;; ++batch) {
-      if (batch == maxBatches)
+    for (std::size_t batches = 0, heartbeats = 0;;) {
+      if (batches == maxBatches)
         throw CtlError(kBadReply, "the agent sent more than " + std::to_string(maxBatches) +
                                       " batches of " + noun + " without a last one");
-      const auto bytes = batch == 0 ? receiveFirstReply<varlo_list_header::kSize>(session)
-                                    : session.receive<varlo_list_header::kSize>();
+      const auto bytes = batches + heartbeats == 0
+                             ? receiveFirstReply<varlo_list_header::kSize>(session)
+                             : session.receive<varlo_list_header::kSize>();
       requireSuccess(bytes, failure);
       const auto header = varlo_list_header::decode(bytes);
+      if (header.count == 0 && !header.prefix.last && heartbeats < maxHeartbeats) {
+        ++heartbeats;
+        continue;
+      }
+      ++batches;
       if (list.size() + header.count > maxEntries)
         throw CtlError(kBadReply,
                        "the agent announced more than " + std::to_string(maxEntries) + " " + noun);
@@ -64,6 +78,9 @@ class Command {
 
   // A sane agent sends a handful of disks, volumes, devices or addresses.
   static constexpr std::size_t kMaxListEntries = 65536;
+  // Heartbeats come once a second: a week of them, for a census of a huge
+  // file system, while a peer that sends nothing else is still stopped.
+  static constexpr std::size_t kMaxHeartbeats = 7 * 24 * 3600;
 
   // Throws a failure CtlError with `failure` when the success byte is 0.
   template <std::size_t N>

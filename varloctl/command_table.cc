@@ -1,5 +1,6 @@
 #include "varloctl/command_table.h"
 
+#include "varloctl/census_command.h"
 #include "varloctl/config_command.h"
 #include "varloctl/dbkey_command.h"
 #include "varloctl/disks_command.h"
@@ -10,7 +11,9 @@
 #include "varloctl/password_command.h"
 #include "varloctl/pci_command.h"
 #include "varloctl/processes_command.h"
+#include "varloctl/profiler_command.h"
 #include "varloctl/scsi_command.h"
+#include "varloctl/software_list_command.h"
 #include "varloctl/volumes_command.h"
 
 namespace varloctl {
@@ -26,6 +29,19 @@ const std::vector<CommandSpec>& commandTable() {
       {"pci", "", 0, "the PCI devices", &PciCommand::make},
       {"network", "", 0, "the first usable network interface", &NetworkCommand::make},
       {"ipaddrs", "", 0, "every interface's IPv4 address", &IpAddrsCommand::make},
+      {"apps", "", 0, "the installed applications and their versions",
+       &SoftwareListCommand::makeApps},
+      {"controls", "", 0, "the installed control panels and their versions",
+       &SoftwareListCommand::makeControls},
+      {"extensions", "", 0, "the installed system extensions and their versions",
+       &SoftwareListCommand::makeExtensions},
+      {"fonts", "", 0, "the installed fonts", &SoftwareListCommand::makeFonts},
+      {"services", "", 0, "the services started with the system, and their state",
+       &SoftwareListCommand::makeServices},
+      {"census", "", 0, "files counted by extension over the whole file system",
+       &CensusCommand::make, "--days N"},
+      {"profiler", "", 0, "files counted by extension on each mounted partition",
+       &ProfilerCommand::make, "--days N"},
       {"password", "NEW", 1, "change the agent's password (at most 7 characters)",
        &PasswordCommand::make},
       {"dbkey", "N", 1, "assign the DBMS key (0 to 4294967295)", &DbKeyCommand::make},

@@ -16,6 +16,7 @@ enum ExitStatus : int {
   kTimeout = 5,        // nothing came back in time (or no agent answered)
   kUnreachable = 6,    // no connection: name not resolved, refused, no route
   kBadReply = 7,       // the agent's reply does not make sense
+  kInterrupted = 130,  // stopped by Ctrl-C, as shells report a SIGINT
 };
 
 class CtlError : public std::runtime_error {

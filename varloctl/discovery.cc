@@ -11,6 +11,7 @@
 
 #include "base/unique_fd.h"
 #include "varloctl/ctl_error.h"
+#include "varloctl/interrupt.h"
 #include "varloctl/resolver.h"
 #include "varloctl/wire_text.h"
 
@@ -40,12 +41,14 @@ std::vector<Discovery::Agent> Discovery::run() const {
   std::vector<Agent> agents;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs_);
   for (;;) {
+    Interrupt::check();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) break;
     pollfd p{fd.get(), POLLIN, 0};
-    const int n = ::poll(&p, 1, static_cast<int>(left));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
+    const int n =
+        ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
+    if (n == 0 || (n < 0 && errno == EINTR)) continue;
+    if (n < 0) break;
 
     // One byte more than a reply, so that longer datagrams show as such.
     std::uint8_t buf[varlo::varlo_probe_reply::kSize + 1];

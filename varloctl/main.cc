@@ -1,4 +1,7 @@
 // varloctl: the console-side tool that finds agents and sends them commands.
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <optional>
@@ -7,12 +10,32 @@
 
 #include "varloctl/app.h"
 #include "varloctl/ctl_error.h"
+#include "varloctl/interrupt.h"
+
+namespace {
+
+void onInterrupt(int) { varloctl::Interrupt::raise(); }
+
+// Ctrl-C only raises the flag; the waits see it (no SA_RESTART: poll()
+// returns EINTR) and end the command with the connection closed. A second
+// Ctrl-C gets the default action, in case something does not wait in poll().
+void catchInterrupt() {
+  struct sigaction sa {};
+  sa.sa_handler = onInterrupt;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESETHAND;
+  sigaction(SIGINT, &sa, nullptr);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
+  catchInterrupt();
   const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
   std::optional<std::string> envPassword;
   if (const char* p = std::getenv("VARLO_PASSWORD")) envPassword = p;
-  const int status = varloctl::App::run(args, envPassword, std::cout, std::cerr);
+  const int status =
+      varloctl::App::run(args, envPassword, std::cout, std::cerr, ::isatty(STDERR_FILENO) == 1);
   if (status == varloctl::kOk && !(std::cout << std::flush)) {
     std::cerr << "varloctl: cannot write the result\n";
     return varloctl::kFailed;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "varloctl/ctl_error.h"
+#include "varloctl/interrupt.h"
 #include "varloctl/wire_text.h"
 
 namespace varloctl {
@@ -87,12 +88,20 @@ Session Session::open(const std::vector<sockaddr_in>& addresses, const std::stri
   throw CtlError(kUnreachable, "cannot connect to " + peerName + ": " + errnoText(lastError));
 }
 
+void Session::stopIfInterrupted() const {
+  if (!Interrupt::raised()) return;
+  ::shutdown(fd_.get(), SHUT_RDWR);
+  Interrupt::check();
+}
+
 bool Session::wait(short events, Clock::time_point deadline) const {
   for (;;) {
+    stopIfInterrupted();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return false;
     pollfd p{fd_.get(), events, 0};
-    const int n = ::poll(&p, 1, static_cast<int>(left));
+    const int n =
+        ::poll(&p, 1, static_cast<int>(std::min<std::int64_t>(left, Interrupt::kSliceMs)));
     if (n > 0) return true;  // errors and hang-ups show in the call that follows
     if (n < 0 && errno != EINTR)
       throw CtlError(kFailed, "waiting for " + peer_ + " failed: " + errnoText(errno));
@@ -105,6 +114,7 @@ void Session::timedOut(const char* what) const {
 }
 
 void Session::send(const std::uint8_t* data, std::size_t len) {
+  stopIfInterrupted();
   if (sendFailed_) return;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs_);
   std::size_t sent = 0;
@@ -128,18 +138,23 @@ void Session::send(const std::uint8_t* data, std::size_t len) {
 }
 
 void Session::receive(std::uint8_t* data, std::size_t len) {
+  // Also here: an agent that never pauses would keep the waits from running.
+  stopIfInterrupted();
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs_);
   std::size_t got = 0;
   while (got < len) {
     const ssize_t n = ::recv(fd_.get(), data + got, len - got, 0);
     if (n > 0) {
       got += static_cast<std::size_t>(n);
+      receivedAny_ = true;
       continue;
     }
     if (n == 0 || peerGone(errno)) {
-      if (got == 0)
-        throw CtlError(kClosed, "the agent refused the command or closed the connection");
-      throw CtlError(kClosed, "the agent closed the connection in the middle of a reply");
+      if (got != 0)
+        throw CtlError(kClosed, "the agent closed the connection in the middle of a reply");
+      if (receivedAny_)
+        throw CtlError(kClosed, "the agent closed the connection before the end of its answer");
+      throw CtlError(kClosed, "the agent refused the command or closed the connection");
     }
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) {

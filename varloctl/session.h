@@ -1,6 +1,8 @@
 // One TCP connection to an agent, carrying one command. Every wait is
 // bounded: connecting, and each whole record sent or received, must finish
 // within the time-out, so a silent or trickling agent cannot hang the tool.
+// Ctrl-C (Interrupt) ends any wait: the socket is shut down and the
+// interrupted CtlError thrown.
 #pragma once
 
 #include <netinet/in.h>
@@ -59,6 +61,9 @@ class Session {
   // Waits for events until the deadline; false on time-out.
   bool wait(short events, Clock::time_point deadline) const;
   [[noreturn]] void timedOut(const char* what) const;
+  // Throws the interrupted CtlError, after a shutdown that tells the agent
+  // at once, when Ctrl-C was pressed.
+  void stopIfInterrupted() const;
 
   UniqueFd fd_;
   std::string peer_;
@@ -66,6 +71,8 @@ class Session {
   // The agent dropped the connection while we were sending. It may still
   // have answered first (a rejected password), so the next receive decides.
   bool sendFailed_ = false;
+  // Some of the answer came: a close now cuts it short rather than refusing.
+  bool receivedAny_ = false;
 };
 
 }  // namespace varloctl

@@ -98,6 +98,18 @@ void TableWriter::writeArray(std::string& out, const Value& v, int indent) {
     for (const auto& i : items) writeValue(out, i, indent);
     return;
   }
+  // Objects holding lists of their own do not fit a row: one block each.
+  const bool nested = std::any_of(items.begin(), items.end(), [](const Value& i) {
+    return std::any_of(i.members().begin(), i.members().end(),
+                       [](const Value::Member& m) { return !m.value.isScalar(); });
+  });
+  if (nested) {
+    for (std::size_t n = 0; n < items.size(); ++n) {
+      if (n > 0) out += '\n';
+      writeObject(out, items[n], indent);
+    }
+    return;
+  }
   // Columns in order of first appearance; a row without a column shows "".
   std::vector<std::string> keys;
   for (const auto& i : items)

@@ -1,5 +1,6 @@
 // Prints a Value for people: an object as aligned "label  value" lines, an
-// array of objects as a table with a heading row.
+// array of objects as a table with a heading row (objects that hold lists,
+// as blocks one after the other).
 #pragma once
 
 #include <string>

@@ -11,30 +11,13 @@
 #include <vector>
 
 #include "test_support.h"
-#include "varloctl/app.h"
 #include "varloctl_fake_agent.h"
 
 using namespace varloctl_test;
 using test_support::listHeader;
 using A = FakeAgent;
-using Script = std::vector<FakeAgent::Step>;
-using Words = std::vector<std::string>;
 
 namespace {
-
-// The password blocks the agent deciphers (DES under the key made from
-// "qorvelt") for "secret" and for no password.
-const Bytes kSecret = bytes({0xb1, 0x6e, 0xd7, 0x45, 0x29, 0x07, 0x5b, 0x4d});
-const Bytes kEmpty = bytes({0xae, 0xc6, 0xc2, 0x38, 0xc7, 0x44, 0xdb, 0xad});
-
-Bytes header(int code, const Bytes& block) { return bytes({code >> 8, code & 0xFF, 0, 0}) + block; }
-
-Bytes pstring(const std::string& s) { return bytes({int(s.size())}) + Bytes(s.begin(), s.end()); }
-
-// A reply record: prefix command, success, last, status; the rest zero.
-Bytes reply(std::size_t size, int code, int success, int last, int status = 0) {
-  return record(size, {{0, bytes({code >> 8, code & 0xFF, success, last, status})}});
-}
 
 Bytes note(int index, const std::string& text) {
   return record(260, {{3, bytes({index})}, {4, pstring(text)}});
@@ -49,28 +32,6 @@ const Bytes kNetReply = record(104, {{0, bytes({0, 2, 1, 1, 0, 0, 0, 0, 0, 0, 0,
                                      {28, bytes({192, 0, 2, 10, 192, 0, 2, 1, 255, 255, 255, 0})},
                                      {40, kHw + bytes({0, 0, 0, 4})},
                                      {98, kHw}});
-
-struct Result {
-  int status;
-  std::string out, err, mismatch;
-  Bytes extra;
-};
-
-Result ctl(const Words& args) {
-  std::ostringstream out, err;
-  const int status = varloctl::App::run(args, std::nullopt, out, err);
-  return {status, out.str(), err.str(), "", {}};
-}
-
-// varloctl ... 127.0.0.1 words, against an agent that plays script.
-Result play(Script script, Words words, const std::string& timeout = "2") {
-  FakeAgent agent(std::move(script));
-  words.insert(words.begin(),
-               {"--port", std::to_string(agent.port()), "--timeout", timeout, "127.0.0.1"});
-  const Result r = ctl(words);
-  agent.join();
-  return {r.status, r.out, r.err, agent.mismatch(), agent.extra()};
-}
 
 struct Dialogue {
   Words words;
