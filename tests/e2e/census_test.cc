@@ -134,7 +134,9 @@ TEST_F(CensusTest, CountsThisHostsDisksByExtensionWithTheDayFilter) {
     EXPECT_EQ(a.sizeKb, kilobytesOf(data_ + "/a.vlqa") + kilobytesOf(data_ + "/deeper/b.vlqa") +
                             kilobytesOf(data_ + "/c.vlqa"));
     EXPECT_EQ(census.extensions.count("vlqb"), c.oldCounted ? 1u : 0u) << "days " << c.days;
-    if (c.oldCounted) EXPECT_EQ(census.extensions.find("vlqb")->second.count, 1u);
+    if (c.oldCounted) {
+      EXPECT_EQ(census.extensions.find("vlqb")->second.count, 1u);
+    }
     EXPECT_EQ(census.extensions.count("vlqc"), 0u) << "tmpfs is no disk of this host";
   }
 }
@@ -199,7 +201,9 @@ TEST_F(CensusTest, ProfilerCountsEachLocalPartitionOnItsOwn) {
       EXPECT_EQ(p.census.extensions.find("vlqa")->second.count, 2u);
       EXPECT_LT(files, 1000u) << "the root partition's census left its partition";
     }
-    if (p.volume.name == "/usr") EXPECT_GT(files, 1000u);
+    if (p.volume.name == "/usr") {
+      EXPECT_GT(files, 1000u);
+    }
     EXPECT_EQ(p.census.extensions.count("vlqc"), 0u) << p.volume.name;
   }
 }
