@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string_view>
 #include <system_error>
 
 #include "base/dir_handle.h"
@@ -23,6 +24,16 @@ constexpr std::size_t kMaxRpmWord = 499;
 // holding a NUL that would make stat look at a shorter path.
 bool unusablePath(const std::string& word, std::size_t maxWord) {
   return word.size() > maxWord || word.find('\0') != std::string::npos;
+}
+
+// A path in a bin, sbin or libexec folder, where most packages keep their
+// programs.
+bool inProgramFolder(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return false;
+  const std::string_view dir(path.data(), slash);
+  return dir.ends_with("/bin") || dir.ends_with("/sbin") ||
+         path.find("/libexec/") != std::string::npos;
 }
 
 }  // namespace
@@ -272,15 +283,22 @@ int CApps::processListFile(const std::string& path) {
     Log->LogMessage("Unable to open file " + path);
     return -1;
   }
+  // Where a package keeps its programs is looked at first: once one of them
+  // is found the rest need no stat, and the order cannot change the answer.
   std::string word;
-  while (words.next(word)) {
-    if (unusablePath(word, kMaxListWord)) continue;
-    if (kindOf(word) == PathKind::kExecutable) {
-      addApp(name, version);
-      return 0;  // every further executable would give the same pair
+  for (const bool firstPass : {true, false}) {
+    if (!firstPass && !words.rewind()) break;
+    while (words.next(word)) {
+      if (unusablePath(word, kMaxListWord) || inProgramFolder(word) != firstPass) continue;
+      if (kindOf(word) == PathKind::kExecutable) {
+        addApp(name, version);
+        return 0;  // every further executable would give the same pair
+      }
+    }
+    if (words.error() != 0) {
+      Log->LogMessage("Error reading file " + path + " Error: " + std::to_string(words.error()));
+      break;
     }
   }
-  if (words.error() != 0)
-    Log->LogMessage("Error reading file " + path + " Error: " + std::to_string(words.error()));
   return 0;
 }

@@ -71,3 +71,11 @@ bool WordReader::next(std::string& word) {
     if (!fill()) return !stop_.stop_requested() && error_ == 0;
   }
 }
+
+bool WordReader::rewind() {
+  if (!fd_.valid() || ::lseek(fd_.get(), 0, SEEK_SET) != 0) return false;
+  pos_ = end_ = 0;
+  eof_ = false;
+  error_ = 0;
+  return true;
+}

@@ -30,6 +30,9 @@ class WordReader {
   // True with the next word; false at the end, on a read error or on a stop.
   bool next(std::string& word);
 
+  // Back to the first word of a regular file; false on a pipe.
+  bool rewind();
+
   // The errno of a failed read, else 0.
   int error() const { return error_; }
 
