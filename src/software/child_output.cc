@@ -41,8 +41,20 @@ int ChildOutput::spawn(const std::string& program, const std::vector<std::string
   // dup2 onto 1 clears close-on-exec there only; every other descriptor of
   // the agent stays closed in the child.
   posix_spawn_file_actions_adddup2(&actions, writeEnd.get(), STDOUT_FILENO);
+  // The child starts with no signal blocked and SIGPIPE at its default,
+  // whatever the spawning thread had: closing the pipe early ends it.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, pipe;
+  sigemptyset(&none);
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setsigdefault(&attr, &pipe);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = -1;
-  const int error = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, args.data(), environ);
+  const int error = ::posix_spawn(&pid, program.c_str(), &actions, &attr, args.data(), environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) return error;
   pid_ = pid;

@@ -182,13 +182,19 @@ TEST(AppsDpkg, EachPackageOnceWhateverItsListsHold) {
                  {"tools.list", "/usr/bin/a\n/usr/bin/c\n"},
                  {"unknown.list", "/usr/bin/c"},  // in no stanza, no line end
                  {"docs.list", "/usr/share/doc/x\n"},
+                 // Its one program lies outside the bin folders.
+                 {"scripts.list", "/usr/bin/plain\n/usr/share/scripts/run\n/usr/bin/d\n"},
                  {"tools.md5sums", "/usr/bin/a\n"}});
   for (const char* exe : {"/usr/bin/a", "/usr/bin/b", "/usr/bin/c"})
     putFile(host.dir / "files", exe, 0755);
   putFile(host.dir / "files", "/usr/share/doc/x", 0644);
+  putFile(host.dir / "files", "/usr/bin/plain", 0644);
+  putFile(host.dir / "files", "/usr/share/scripts/run", 0750);
+  std::filesystem::create_directories(host.dir / "files/usr/bin/d");
   CApps apps({}, host.sources);
   EXPECT_EQ(apps.getDpkgList(), 0);
-  EXPECT_EQ(apps.added(), (Pairs{{"libc6", "2.36"}, {"tools", "1"}, {"unknown", ""}}));
+  EXPECT_EQ(apps.added(),
+            (Pairs{{"libc6", "2.36"}, {"scripts", ""}, {"tools", "1"}, {"unknown", ""}}));
   EXPECT_TRUE(logged(log).empty());
 }
 
