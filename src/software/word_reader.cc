@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -18,9 +19,10 @@ constexpr int kPollMillis = 100;
 
 }  // namespace
 
-WordReader::WordReader(UniqueFd fd, std::size_t maxWord, std::stop_token stop)
+WordReader::WordReader(UniqueFd fd, std::size_t maxWord, std::stop_token stop,
+                       std::size_t block)
     : fd_(std::move(fd)), maxWord_(maxWord), stop_(std::move(stop)) {
-  if (fd_.valid()) buffer_.resize(kBlock);
+  if (fd_.valid()) buffer_.resize(std::max<std::size_t>(block, 1));
 }
 
 WordReader WordReader::openFile(const std::string& path, std::size_t maxWord,
@@ -28,7 +30,9 @@ WordReader WordReader::openFile(const std::string& path, std::size_t maxWord,
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat st {};
   if (fd.valid() && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
-  return WordReader(std::move(fd), maxWord, std::move(stop));
+  // Most package lists are a few kilobytes: no need for a whole block each.
+  const auto size = static_cast<std::size_t>(std::max<off_t>(st.st_size, 0));
+  return WordReader(std::move(fd), maxWord, std::move(stop), std::min(size + 1, kBlock));
 }
 
 bool WordReader::fill() {

@@ -18,7 +18,8 @@ class WordReader {
   // cut to maxWord + 1 bytes, so the caller can tell it from any real one
   // and memory stays bounded on a file without a blank. A stop request ends
   // the words at the next block (a silent pipe is polled, not waited on).
-  WordReader(UniqueFd fd, std::size_t maxWord, std::stop_token stop = {});
+  WordReader(UniqueFd fd, std::size_t maxWord, std::stop_token stop = {},
+             std::size_t block = kBlock);
 
   // Opens a regular file, close-on-exec; an invalid fd in the reader when
   // it cannot be opened or is not a regular file (a FIFO cannot stall it).
