@@ -12,6 +12,7 @@
 #include "inventory/processes_handler.h"
 #include "inventory/scsi_handler.h"
 #include "inventory/volumes_handler.h"
+#include "software/apps_handler.h"
 #include "software/backup_profiler_handler.h"
 #include "software/file_ext_handler.h"
 #include "varlo/commands.h"
@@ -33,7 +34,7 @@ constexpr CommandRow kTable[] = {
     {kProcessesCommand, " received Processes command", kList, &sendProcessData},
     {kVolumesCommand, " received Volumes command", kList, &sendVolumeData},
     {kScsiCommand, " received SCSI command", kScsiRecordSize, &sendSCSIData},
-    {kApplicationsCommand, " received Applications command", kList, nullptr},
+    {kApplicationsCommand, " received Applications command", kList, &sendAppsData},
     {kControlPanelsCommand, " received Control Panels command", kList, nullptr},
     {kExtensionsCommand, " received Extensions command", kList, nullptr},
     {kFontsCommand, " received Fonts command", kList, nullptr},
