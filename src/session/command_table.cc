@@ -12,6 +12,10 @@
 #include "inventory/processes_handler.h"
 #include "inventory/scsi_handler.h"
 #include "inventory/volumes_handler.h"
+#include "software/controls_handler.h"
+#include "software/extensions_handler.h"
+#include "software/fonts_handler.h"
+#include "software/services_handler.h"
 #include "varlo/commands.h"
 #include "varlo/config_record.h"
 #include "varlo/records.h"
@@ -32,10 +36,10 @@ constexpr CommandRow kTable[] = {
     {kVolumesCommand, " received Volumes command", kList, &sendVolumeData},
     {kScsiCommand, " received SCSI command", kScsiRecordSize, &sendSCSIData},
     {kApplicationsCommand, " received Applications command", kList, nullptr},
-    {kControlPanelsCommand, " received Control Panels command", kList, nullptr},
-    {kExtensionsCommand, " received Extensions command", kList, nullptr},
-    {kFontsCommand, " received Fonts command", kList, nullptr},
-    {kStartupItemsCommand, " received Startup Items command", kList, nullptr},
+    {kControlPanelsCommand, " received Control Panels command", kList, &sendControlsData},
+    {kExtensionsCommand, " received Extensions command", kList, &sendExtensionData},
+    {kFontsCommand, " received Fonts command", kList, &sendFontData},
+    {kStartupItemsCommand, " received Startup Items command", kList, &sendServiceData},
     {kShutdownCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
     {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
     {kSyncClockCommand, " received Sync Clock command", kManage, nullptr},
