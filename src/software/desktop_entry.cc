@@ -40,13 +40,15 @@ std::vector<std::string> splitList(std::string_view v) {
       item += ';';
       ++i;
     } else if (v[i] == ';') {
-      if (!item.empty()) items.push_back(std::move(item));
+      const std::string_view kept = trim(item);
+      if (!kept.empty()) items.emplace_back(kept);
       item.clear();
     } else {
       item += v[i];
     }
   }
-  if (!item.empty()) items.push_back(std::move(item));
+  const std::string_view kept = trim(item);
+  if (!kept.empty()) items.emplace_back(kept);
   return items;
 }
 
@@ -66,8 +68,7 @@ DesktopEntry DesktopEntry::parse(std::string_view text) {
     line = trim(line);
     if (line.empty() || line.front() == '#') continue;
     if (line.front() == '[') {
-      // Only the first such group counts; a second one would be a file
-      // merged from two.
+      // The entry's own group ends where the next begins (its actions).
       if (entry.hasGroup && inGroup) break;
       inGroup = line == "[Desktop Entry]";
       entry.hasGroup = entry.hasGroup || inGroup;
