@@ -46,7 +46,7 @@ int CCtrlPanels::enumControls() {
       const fs::path& path = it->path();
       std::error_code typeEc;
       if (path.extension() != ".desktop" || !it->is_regular_file(typeEc)) continue;
-      std::string id = fs::relative(path, apps, typeEc).string();
+      std::string id = path.lexically_relative(apps).string();
       for (char& c : id)
         if (c == '/') c = '-';
       if (!seen.insert(id).second) continue;
