@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev
   libfuse3-dev fuse3
   util-linux procps
+  dbus-daemon
   clang libclang-rt-14-dev
 )
 if [ "${1:-}" = "bench" ]; then

@@ -24,6 +24,12 @@ inline constexpr const char* kUsersRoot = "/home";
 
 inline constexpr const char* kFontsFolder = "/usr/local/share/fonts/";
 inline constexpr const char* kStartupItemsFolder = "/etc/init.d/";
+inline constexpr const char* kInitScripts = "/etc/init.d";
+// Present only while systemd is the running init.
+inline constexpr const char* kSystemdRunDir = "/run/systemd/system";
+// Where desktop entries live when XDG_DATA_DIRS is unset.
+inline constexpr const char* kXdgDataDirs = "/usr/local/share/:/usr/share/";
+inline constexpr const char* kLdSoConf = "/etc/ld.so.conf";
 
 inline constexpr const char* kSysRoot = "/sys";
 inline constexpr const char* kEtcRoot = "/etc";

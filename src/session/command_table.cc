@@ -14,7 +14,11 @@
 #include "inventory/volumes_handler.h"
 #include "software/apps_handler.h"
 #include "software/backup_profiler_handler.h"
+#include "software/controls_handler.h"
+#include "software/extensions_handler.h"
 #include "software/file_ext_handler.h"
+#include "software/fonts_handler.h"
+#include "software/services_handler.h"
 #include "varlo/commands.h"
 #include "varlo/config_record.h"
 #include "varlo/records.h"
@@ -35,10 +39,10 @@ constexpr CommandRow kTable[] = {
     {kVolumesCommand, " received Volumes command", kList, &sendVolumeData},
     {kScsiCommand, " received SCSI command", kScsiRecordSize, &sendSCSIData},
     {kApplicationsCommand, " received Applications command", kList, &sendAppsData},
-    {kControlPanelsCommand, " received Control Panels command", kList, nullptr},
-    {kExtensionsCommand, " received Extensions command", kList, nullptr},
-    {kFontsCommand, " received Fonts command", kList, nullptr},
-    {kStartupItemsCommand, " received Startup Items command", kList, nullptr},
+    {kControlPanelsCommand, " received Control Panels command", kList, &sendControlsData},
+    {kExtensionsCommand, " received Extensions command", kList, &sendExtensionData},
+    {kFontsCommand, " received Fonts command", kList, &sendFontData},
+    {kStartupItemsCommand, " received Startup Items command", kList, &sendServiceData},
     {kShutdownCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
     {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
     {kSyncClockCommand, " received Sync Clock command", kManage, nullptr},
