@@ -19,8 +19,13 @@
 #include "prefs/password_block.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
+#include "software/apps_handler.h"
 #include "software/backup_profiler_handler.h"
+#include "software/controls_handler.h"
+#include "software/extensions_handler.h"
 #include "software/file_ext_handler.h"
+#include "software/fonts_handler.h"
+#include "software/services_handler.h"
 #include "varlo/commands.h"
 
 using namespace varlo;
@@ -108,5 +113,10 @@ void VLWorker::changePassword() { ::changePassword(*session_, kChangePasswordCom
 void VLWorker::assignDBMSKey() { ::assignDBMSKey(*session_, kAssignDbmsKeyCommand); }
 void VLWorker::storeNotes() { ::storeNotes(*session_, kStoreNotesCommand); }
 void VLWorker::sendNotes() { ::sendNotes(*session_, kRetrieveNotesCommand); }
+void VLWorker::sendAppsData() { ::sendAppsData(*session_, kApplicationsCommand); }
+void VLWorker::sendControlsData() { ::sendControlsData(*session_, kControlPanelsCommand); }
+void VLWorker::sendExtensionData() { ::sendExtensionData(*session_, kExtensionsCommand); }
+void VLWorker::sendFontData() { ::sendFontData(*session_, kFontsCommand); }
+void VLWorker::sendServiceData() { ::sendServiceData(*session_, kStartupItemsCommand); }
 void VLWorker::sendFileExtData() { ::sendFileExtData(*session_, kFileExtensionCommand); }
 void VLWorker::runBackupProfiler() { ::runBackupProfiler(*session_, kBackupProfilerCommand); }

@@ -63,6 +63,11 @@ class VLWorker {
   void assignDBMSKey();
   void storeNotes();
   void sendNotes();
+  void sendAppsData();
+  void sendControlsData();
+  void sendExtensionData();
+  void sendFontData();
+  void sendServiceData();
   void sendFileExtData();
   void runBackupProfiler();
 
