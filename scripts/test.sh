@@ -26,7 +26,7 @@ echo "== ThreadSanitizer: the thread core's unit tests, then the plain end-to-en
 ./scripts/build.sh build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_TSAN=ON
 export TSAN_OPTIONS="halt_on_error=1:exitcode=66:second_deadlock_stack=1"
 build-tsan/tests/varlo_tests --gtest_brief=1 \
-  --gtest_filter='VLForeman*:WorkerSession*:HostDescription*:*MountProbe*:FileExt*:CensusAnswer*'
+  --gtest_filter='VLForeman*:WorkerSession*:HostDescription*:*MountProbe*:FileExt*:CensusAnswer*:Apps*:ListHeartbeat*:CServices*'
 VARLO_AGENT="$PWD/build-tsan/varlo" VARLO_EXTRA_THREADS=1 build/tests/varlo_e2e_tests --gtest_brief=1
 unset TSAN_OPTIONS
 
