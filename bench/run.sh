@@ -12,7 +12,15 @@ if [ "${1:-}" != "--inside" ]; then
 fi
 
 mount --make-rprivate /
-for d in /run /var/log /var/lib /var/tmp; do mount -t tmpfs tmpfs "$d"; done
+for d in /run /var/log /var/tmp; do mount -t tmpfs tmpfs "$d"; done
+# The host's package database stays visible, read-only, under the empty
+# /var/lib: the Applications command and snmpd's software table read it.
+mkdir /var/tmp/dpkg
+mount --bind /var/lib/dpkg /var/tmp/dpkg
+mount -t tmpfs tmpfs /var/lib
+mkdir /var/lib/dpkg
+mount --move /var/tmp/dpkg /var/lib/dpkg
+mount -o remount,bind,ro /var/lib/dpkg
 ip link set lo up
 bench=./build-bench/bench/varlo_bench
 # Everything started in the background here, the 2,000 idle processes below
@@ -23,30 +31,48 @@ agent_pid=$!
 $bench echo-server 4348 &
 
 # snmpd answers on loopback only, reads no configuration but its own, and
-# keeps its persistent state in tmpfs.
+# keeps its persistent state in tmpfs. It is not made to log every request,
+# which would slow it down.
 snmp=$(mktemp -d -p /var/tmp snmpd.XXXXXX)
 mkdir "$snmp/state"
-printf 'rocommunity public 127.0.0.1\n' >"$snmp/snmpd.conf"
-SNMP_PERSISTENT_DIR="$snmp/state" MIBS="" \
-  snmpd -f -C -c "$snmp/snmpd.conf" -Lo udp:127.0.0.1:161 >"$snmp/log" 2>&1 &
-snmpd_pid=$!
-sleep 0.5
-for try in $(seq 10); do
-  $bench snmp-get 127.0.0.1 161 1 >/dev/null && break
-  if [ "$try" -eq 10 ] || ! kill -0 "$snmpd_pid" 2>/dev/null; then
-    echo "snmpd does not answer:" >&2
-    cat "$snmp/log" >&2
-    exit 1
-  fi
-done
+printf 'rocommunity public 127.0.0.1\ndontLogTCPWrappersConnects yes\n' >"$snmp/snmpd.conf"
+start_snmpd() {
+  SNMP_PERSISTENT_DIR="$snmp/state" MIBS="" \
+    snmpd -f -C -c "$snmp/snmpd.conf" -Lo udp:127.0.0.1:161 >>"$snmp/log" 2>&1 &
+  snmpd_pid=$!
+  sleep 0.5
+  for try in $(seq 10); do
+    $bench snmp-get 127.0.0.1 161 1 >/dev/null && return 0
+    if [ "$try" -eq 10 ] || ! kill -0 "$snmpd_pid" 2>/dev/null; then
+      echo "snmpd does not answer:" >&2
+      cat "$snmp/log" >&2
+      exit 1
+    fi
+  done
+}
+start_snmpd
 
-# Runs one varlo_bench measurement, shows it, and keeps its figures line.
+# Runs one varlo_bench measurement, shows it, and keeps its output, its
+# figures line and its first figures line.
 figures=""
 measure() {
   local out
   out=$($bench "$@") || true
   printf '%s\n' "$out"
+  measured=$out
   figures=$(printf '%s\n' "$out" | grep -o 'p50_us=.*' | tail -n 1)
+  first_figures=$(printf '%s\n' "$out" | grep -o 'p50_us=.*' | head -n 1)
+}
+# combine FIGURES...: one figures line of the p50s of single-sample
+# measurements, with report()'s percentiles.
+combine() {
+  printf '%s\n' "$@" | grep -o 'p50_us=[0-9.]*' | cut -d= -f2 | sort -n | awk '
+    { v[NR] = $1; sum += $1 }
+    END {
+      if (NR == 0) exit 1
+      printf "p50_us=%.2f p99_us=%.2f mean_us=%.2f per_s=%.1f n=%d\n",
+        v[1 + int(0.5 * (NR - 1))], v[1 + int(0.99 * (NR - 1))], sum / NR, 1e6 * NR / sum, NR
+    }'
 }
 # ratio FIGURES_A FIGURES_B KEY: A's KEY over B's, two decimals.
 ratio() {
@@ -93,6 +119,37 @@ sleep 1
 echo "processes visible: $(ls -d /proc/[0-9]* | wc -l)"
 $bench sessions 127.0.0.1 4347 1 5 3
 $bench run 50 ps -e -o pid=,comm=
+
+# snmpd rebuilds its software table (by running dpkg-query) when a request
+# finds it older than its cache time, some tens of seconds, and answers walks
+# within that time from memory. A fresh walk is therefore the first after
+# snmpd starts; the agent keeps no such cache and reads the database anew
+# for every answer.
+apps_oid=1.3.6.1.2.1.25.6.3.1.2
+echo "== Applications: agent against snmpd's hrSWInstalledName walk ($apps_oid)"
+fresh=()
+for _ in $(seq 5); do
+  kill -TERM "$snmpd_pid"
+  wait "$snmpd_pid" 2>/dev/null || true
+  start_snmpd
+  measure snmp-walk 127.0.0.1 161 1 "$apps_oid" public
+  fresh+=("$figures")
+  snmp_entries=$(printf '%s\n' "$measured" | grep -o '[0-9]* entries each' | cut -d' ' -f1)
+done
+snmp_fresh=$(combine "${fresh[@]}") || snmp_fresh=""
+echo "snmpd fresh walks, combined:"
+echo "  $snmp_fresh"
+echo "snmpd walks from its cache:"
+measure snmp-walk 127.0.0.1 161 5 "$apps_oid" public
+measure software 127.0.0.1 4347 5 6
+apps_whole=$figures
+apps_first=$first_figures
+apps_entries=$(printf '%s\n' "$measured" | grep -o '[0-9]* entries in all' | cut -d' ' -f1)
+echo "entries per answer: snmpd ${snmp_entries:-none}  agent ${apps_entries:-none}"
+echo "agent whole answer / snmpd fresh walk: p50 $(ratio "$apps_whole" "$snmp_fresh" p50_us)" \
+  " mean $(ratio "$apps_whole" "$snmp_fresh" mean_us)"
+echo "agent first batch / snmpd fresh walk: p50 $(ratio "$apps_first" "$snmp_fresh" p50_us)" \
+  " mean $(ratio "$apps_first" "$snmp_fresh" mean_us)"
 
 # The census walks "/", so it runs in a root holding the host's /usr and
 # nothing else on disk (tmpfs is no disk and is not counted): its answer is

@@ -6,6 +6,9 @@
 //   varlo_bench snmp-get HOST PORT N [COMMUNITY]
 //                                         N SNMPv2c GETs of sysName.0, one at
 //                                         a time (community "public" unless given)
+//   varlo_bench snmp-walk HOST PORT N OID [COMMUNITY]
+//                                         N SNMPv2c walks (GETNEXT) of the subtree
+//                                         OID, each timed whole
 //   varlo_bench sessions HOST PORT C SECS [CODE]
 //                                         C clients in a loop of sessions
 //   varlo_bench run N CMD [ARGS...]       runs a command N times, output dropped
@@ -21,7 +24,8 @@
 //
 // Every measurement ends with a line of its figures for scripts to read:
 //   p50_us=... p99_us=... mean_us=... per_s=... n=...
-// probe and snmp-get exit 1 when not one request was answered.
+// probe and snmp-get exit 1 when not one request was answered, snmp-walk when
+// a walk fails.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -38,6 +42,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -289,6 +294,171 @@ int snmpGet(const char* host, int port, int count, const std::string& community)
                      checkGetResponse});
 }
 
+// BER's element: tag, definite length (short or long form), contents.
+void putBer(std::vector<std::uint8_t>& out, std::uint8_t tag, const std::vector<std::uint8_t>& body) {
+  out.push_back(tag);
+  if (body.size() < 0x80) {
+    out.push_back(static_cast<std::uint8_t>(body.size()));
+  } else {
+    int bytes = 0;
+    for (std::size_t n = body.size(); n; n >>= 8) ++bytes;
+    out.push_back(static_cast<std::uint8_t>(0x80 | bytes));
+    for (int k = bytes - 1; k >= 0; --k) out.push_back(static_cast<std::uint8_t>(body.size() >> (8 * k)));
+  }
+  out.insert(out.end(), body.begin(), body.end());
+}
+
+using Oid = std::vector<std::uint32_t>;
+
+// The contents of an OBJECT IDENTIFIER: the first two arcs in one, then each
+// arc in base 128, high groups flagged.
+std::vector<std::uint8_t> oidBody(const Oid& oid) {
+  std::vector<std::uint8_t> out;
+  auto arc = [&](std::uint32_t v) {
+    std::uint8_t groups[5];
+    int n = 0;
+    do groups[n++] = v & 0x7F; while (v >>= 7);
+    while (n > 1) out.push_back(static_cast<std::uint8_t>(groups[--n] | 0x80));
+    out.push_back(groups[0]);
+  };
+  arc(oid[0] * 40 + oid[1]);
+  for (std::size_t k = 2; k < oid.size(); ++k) arc(oid[k]);
+  return out;
+}
+
+bool berOid(const Ber& e, Oid& oid) {
+  if (e.tag != 0x06 || e.size == 0) return false;
+  oid.clear();
+  std::uint64_t v = 0;
+  for (std::size_t k = 0; k < e.size; ++k) {
+    v = v << 7 | (e.body[k] & 0x7F);
+    if (v > 0xFFFFFFFFu) return false;
+    if (e.body[k] & 0x80) continue;
+    if (oid.empty()) {
+      const std::uint32_t first = v < 80 ? static_cast<std::uint32_t>(v / 40) : 2;
+      oid.push_back(first);
+      oid.push_back(static_cast<std::uint32_t>(v - first * 40));
+    } else {
+      oid.push_back(static_cast<std::uint32_t>(v));
+    }
+    v = 0;
+  }
+  return (e.body[e.size - 1] & 0x80) == 0;
+}
+
+bool parseOid(const char* text, Oid& oid) {
+  std::istringstream in(text[0] == '.' ? text + 1 : text);
+  std::string arc;
+  oid.clear();
+  while (std::getline(in, arc, '.')) {
+    if (arc.empty() || arc.find_first_not_of("0123456789") != std::string::npos) return false;
+    oid.push_back(static_cast<std::uint32_t>(std::stoul(arc)));
+  }
+  return oid.size() >= 2 && oid[0] <= 2;
+}
+
+// SNMPv2c GetNextRequest for one OID. The request id takes four bytes, as
+// for the GETs.
+std::vector<std::uint8_t> snmpGetNext(const std::string& community, std::uint32_t requestId, const Oid& oid) {
+  std::vector<std::uint8_t> bind, list, pdu, message;
+  putBer(bind, 0x06, oidBody(oid));
+  putBer(bind, 0x05, {});
+  putBer(list, 0x30, bind);
+  std::vector<std::uint8_t> fields = {0x02, 0x04};
+  for (int k = 0; k < 4; ++k) fields.push_back(static_cast<std::uint8_t>(requestId >> (24 - 8 * k)));
+  fields.insert(fields.end(), {0x02, 0x01, 0x00, 0x02, 0x01, 0x00});
+  putBer(fields, 0x30, list);
+  putBer(pdu, 0xA1, fields);
+  std::vector<std::uint8_t> body = {0x02, 0x01, 0x01};
+  putBer(body, 0x04, std::vector<std::uint8_t>(community.begin(), community.end()));
+  body.insert(body.end(), pdu.begin(), pdu.end());
+  putBer(message, 0x30, body);
+  return message;
+}
+
+// A GetResponse to requestId without error: its one binding's name, and
+// whether its value is endOfMibView.
+Reply checkNextResponse(std::uint32_t requestId, const std::uint8_t* reply, std::size_t n, Oid& name,
+                        bool& endOfView) {
+  const std::uint8_t* p = reply;
+  Ber message, version, community, pdu, id, status, index, list, bind, oid, value;
+  std::int64_t v = 0;
+  if (!nextBer(p, reply + n, message) || message.tag != 0x30) return Reply::kWrong;
+  p = message.body;
+  const std::uint8_t* end = message.body + message.size;
+  if (!nextBer(p, end, version) || !berInteger(version, v) || v != 1) return Reply::kWrong;
+  if (!nextBer(p, end, community) || community.tag != 0x04) return Reply::kWrong;
+  if (!nextBer(p, end, pdu) || pdu.tag != 0xA2) return Reply::kWrong;
+  p = pdu.body;
+  end = pdu.body + pdu.size;
+  if (!nextBer(p, end, id) || !berInteger(id, v)) return Reply::kWrong;
+  if (v != requestId) return v >= kFirstRequestId && v < requestId ? Reply::kStale : Reply::kWrong;
+  if (!nextBer(p, end, status) || !berInteger(status, v) || v != 0) return Reply::kWrong;
+  if (!nextBer(p, end, index) || !nextBer(p, end, list) || list.tag != 0x30) return Reply::kWrong;
+  p = list.body;
+  if (!nextBer(p, list.body + list.size, bind) || bind.tag != 0x30) return Reply::kWrong;
+  p = bind.body;
+  end = bind.body + bind.size;
+  if (!nextBer(p, end, oid) || !berOid(oid, name) || !nextBer(p, end, value)) return Reply::kWrong;
+  endOfView = value.tag == 0x82;
+  return Reply::kAnswer;
+}
+
+// One walk of the subtree root: GETNEXTs until the name leaves it or the
+// agent's view ends. Each step is given five seconds, as a table may be
+// rebuilt on the first. -1 when the walk fails, else the entries.
+long snmpWalkOnce(int fd, const sockaddr_in& sa, const std::string& community, const Oid& root,
+                  std::uint32_t& requestId) {
+  std::vector<std::uint8_t> reply(65536);
+  Oid at = root, name;
+  for (long entries = 0;; ++entries) {
+    const std::vector<std::uint8_t> request = snmpGetNext(community, ++requestId, at);
+    sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&sa), sizeof sa);
+    Reply verdict = Reply::kStale;
+    bool endOfView = false;
+    while (verdict == Reply::kStale) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 5000) <= 0) return -1;
+      const ssize_t n = recv(fd, reply.data(), reply.size(), 0);
+      if (n < 0) return -1;
+      verdict = checkNextResponse(requestId, reply.data(), static_cast<std::size_t>(n), name, endOfView);
+    }
+    if (verdict != Reply::kAnswer) return -1;
+    if (endOfView || name.size() <= root.size() || !std::equal(root.begin(), root.end(), name.begin()))
+      return entries;
+    if (!std::lexicographical_compare(at.begin(), at.end(), name.begin(), name.end())) return -1;  // a loop
+    at = name;
+  }
+}
+
+int snmpWalk(const char* host, int port, int count, const char* oidText, const std::string& community) {
+  Oid root;
+  if (!parseOid(oidText, root)) {
+    std::fprintf(stderr, "snmp-walk: bad OID %s\n", oidText);
+    return 2;
+  }
+  UniqueFd fd(socket(AF_INET, SOCK_DGRAM, 0));
+  const sockaddr_in sa = addressOf(host, port);
+  std::uint32_t requestId = kFirstRequestId;
+  std::vector<double> micros;
+  long entries = 0;
+  const auto start = Clock::now();
+  for (int i = 0; i < count; ++i) {
+    const auto t0 = Clock::now();
+    const long got = snmpWalkOnce(fd.get(), sa, community, root, requestId);
+    if (got < 0 || (i > 0 && got != entries)) {
+      std::fprintf(stderr, "snmp-walk: walk %d of %s failed or changed size\n", i + 1, oidText);
+      return 1;
+    }
+    entries = got;
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+  }
+  char what[128];
+  std::snprintf(what, sizeof what, "snmp walks of %s (%ld entries each)", oidText, entries);
+  report(what, micros, std::chrono::duration<double>(Clock::now() - start).count());
+  return 0;
+}
+
 // Size of one list entry of the command, or 0 for a single-record reply.
 std::size_t entrySize(std::uint16_t code) {
   if (code == varlo::kProcessesCommand) return varlo::varlo_proc::kSize;
@@ -449,6 +619,8 @@ int main(int argc, char** argv) {
   if (mode == "probe" && argc == 5) return probe(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
   if (mode == "snmp-get" && (argc == 5 || argc == 6))
     return snmpGet(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argc == 6 ? argv[5] : "public");
+  if (mode == "snmp-walk" && (argc == 6 || argc == 7))
+    return snmpWalk(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], argc == 7 ? argv[6] : "public");
   if (mode == "sessions" && (argc == 6 || argc == 7))
     return sessions(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), std::atof(argv[5]),
                     static_cast<std::uint16_t>(argc == 7 ? std::atoi(argv[6]) : varlo::kIpAddressCommand));
@@ -458,7 +630,8 @@ int main(int argc, char** argv) {
                     static_cast<std::uint16_t>(std::atoi(argv[5])));
   std::fprintf(stderr,
                "usage: varlo_bench echo-server PORT | probe HOST PORT N | "
-               "snmp-get HOST PORT N [COMMUNITY] | sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...] | "
+               "snmp-get HOST PORT N [COMMUNITY] | snmp-walk HOST PORT N OID [COMMUNITY] | "
+               "sessions HOST PORT CLIENTS SECONDS [CODE] | run N CMD [ARGS...] | "
                "software HOST PORT N CODE\n");
   return 2;
 }
