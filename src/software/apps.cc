@@ -151,7 +151,7 @@ CApps::PathKind CApps::kindOf(const std::string& hostPath) {
   const std::string path = sources_.filesRoot + hostPath;
   struct stat st {};
   PathKind kind = PathKind::kOther;
-  if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+  if (folders_.stat(path, st) == 0 && S_ISREG(st.st_mode))
     kind = (st.st_mode & 0111) != 0 ? PathKind::kExecutable : PathKind::kPlainFile;
   // A plain file belongs to one package; folders and links to programs
   // recur in many lists.

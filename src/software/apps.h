@@ -16,6 +16,7 @@
 #include "base/thread.h"
 #include "intake/vlsemaphore.h"
 #include "software/app_sources.h"
+#include "software/dir_fd_cache.h"
 
 class CApps {
  public:
@@ -81,6 +82,7 @@ class CApps {
   // Paths already looked at that are not plain files (the folders every
   // package lists) or are executables: none is checked twice.
   std::unordered_map<std::string, bool> seen_;
+  DirFdCache folders_;
   std::stop_source ownStop_;
   std::stop_callback<std::function<void()>> outerStop_;
   std::stop_callback<std::function<void()>> wakeOnStop_;

@@ -32,14 +32,17 @@ WordReader WordReader::openFile(const std::string& path, std::size_t maxWord,
   if (fd.valid() && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
   // Most package lists are a few kilobytes: no need for a whole block each.
   const auto size = static_cast<std::size_t>(std::max<off_t>(st.st_size, 0));
-  return WordReader(std::move(fd), maxWord, std::move(stop), std::min(size + 1, kBlock));
+  WordReader reader(std::move(fd), maxWord, std::move(stop), std::min(size + 1, kBlock));
+  reader.regularFile_ = true;
+  return reader;
 }
 
 bool WordReader::fill() {
   if (eof_ || !fd_.valid()) return false;
   for (;;) {
     if (stop_.stop_requested()) return false;
-    if (stop_.stop_possible()) {
+    // A pipe may stay silent; a regular file never keeps a read waiting.
+    if (stop_.stop_possible() && !regularFile_) {
       pollfd p{fd_.get(), POLLIN, 0};
       const int ready = ::poll(&p, 1, kPollMillis);
       if (ready == 0 || (ready < 0 && errno == EINTR)) continue;

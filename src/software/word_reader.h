@@ -48,4 +48,5 @@ class WordReader {
   std::size_t end_ = 0;
   bool eof_ = false;
   int error_ = 0;
+  bool regularFile_ = false;
 };
