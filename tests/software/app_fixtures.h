@@ -1,12 +1,11 @@
-// Hosts for the applications tests: a dpkg root built from text, and a
-// stand-in rpm that prints a given listing over a tree of files.
+// Hosts for the applications tests: files of a given mode, and a stand-in
+// rpm that prints a given listing over a tree of files.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "software/app_sources.h"
@@ -17,36 +16,29 @@ namespace app_fixtures {
 // A file of the given mode under root, its folders made as needed.
 inline void putFile(const std::string& root, const std::string& path, mode_t mode,
                     const std::string& text = "") {
-  const std::string full = root + path;
-  std::filesystem::create_directories(std::filesystem::path(full).parent_path());
-  test_support::spit(full, text);
-  EXPECT_EQ(::chmod(full.c_str(), mode), 0) << full;
+  std::filesystem::create_directories(std::filesystem::path(root + path).parent_path());
+  test_support::spit(root + path, text);
+  EXPECT_EQ(::chmod((root + path).c_str(), mode), 0) << path;
 }
 
 // Sources where neither dpkg nor rpm exists and no folder is searched.
 inline AppSources nowhere(const test_support::TempDir& dir) {
-  AppSources s;
-  s.dpkgRoot = dir / "no-dpkg";
-  s.searchPath = dir / "no-bin";
-  s.exeDirs = {};
-  return s;
+  return {.dpkgRoot = dir / "no-dpkg", .filesRoot = "", .exeDirs = {},
+          .searchPath = dir / "no-bin", .rpmName = "rpm"};
 }
 
-// An rpm on its own search path: it saves its last argument (the query
-// format) in dir/format and prints listing; every path listed after
-// executables exists under dir/files with mode 0755.
+// An rpm on its own search path that answers only `rpm --query --all
+// --queryformat F`: it saves F in dir/format and prints listing, then runs
+// tail. Every path in executables exists under dir/files with mode 0755.
 struct FakeRpm {
   test_support::TempDir dir;
 
   explicit FakeRpm(const std::string& listing, const std::vector<std::string>& executables = {},
                    const std::string& tail = "") {
-    std::filesystem::create_directories(dir / "bin");
     test_support::spit(dir / "listing", listing);
     putFile(dir.path, "/bin/rpm", 0755,
-            "#!/bin/sh\n"
-            "[ $# = 4 ] && [ \"$1 $2 $3\" = \"--query --all --queryformat\" ] || exit 3\n"
-            "printf '%s' \"$4\" > '" + dir / "format" + "'\n"
-            "cat '" + dir / "listing" + "'\n" + tail);
+            "#!/bin/sh\n[ \"$#: $1 $2 $3\" = \"4: --query --all --queryformat\" ] || exit 3\n"
+            "printf %s \"$4\" > '" + dir / "format" + "'\ncat '" + dir / "listing" + "'\n" + tail);
     for (const std::string& exe : executables) putFile(dir / "files", exe, 0755);
   }
 

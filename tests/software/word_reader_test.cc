@@ -8,22 +8,11 @@
 
 namespace {
 
-std::vector<std::string> wordsOf(const std::string& text, std::size_t maxWord) {
-  test_support::TempDir dir;
-  test_support::spit(dir / "f", text);
-  WordReader reader = WordReader::openFile(dir / "f", maxWord);
-  EXPECT_TRUE(reader.valid());
-  std::vector<std::string> out;
-  for (std::string w; reader.next(w);) out.push_back(w);
-  EXPECT_EQ(reader.error(), 0);
-  return out;
-}
-
-TEST(WordReader, SplitsOnBlanksAcrossBlocks) {
+TEST(WordReader, SplitsOnBlanksAcrossBlocksAndRewinds) {
   const std::string pad(WordReader::kBlock - 3, 'a');
   const std::string big(WordReader::kBlock + 10, 'b');
   const std::size_t any = 2 * WordReader::kBlock;
-  struct Case {
+  const struct {
     std::string text;
     std::size_t maxWord;
     std::vector<std::string> words;
@@ -35,21 +24,18 @@ TEST(WordReader, SplitsOnBlanksAcrossBlocks) {
       {pad + "xyz" + "\nnext", any, {pad + "xyz", "next"}},  // ends exactly at the block
       {big + " x", 5000, {big.substr(0, 5001), "x"}},        // cut past maxWord
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(wordsOf(c.text, c.maxWord), c.words) << c.text.substr(0, 20);
-}
-
-TEST(WordReader, RewindReadsAgainAndRefusesWhatIsNoFile) {
-  test_support::TempDir dir;
-  test_support::spit(dir / "f", "x y");
-  WordReader reader = WordReader::openFile(dir / "f", 10);
-  std::string w;
-  while (reader.next(w)) {}
-  ASSERT_TRUE(reader.rewind());
-  ASSERT_TRUE(reader.next(w));
-  EXPECT_EQ(w, "x");
-  EXPECT_FALSE(WordReader::openFile(dir.path, 10).valid());
-  EXPECT_FALSE(WordReader::openFile(dir / "missing", 10).valid());
+  for (const auto& c : cases) {
+    test_support::TempDir dir;
+    test_support::spit(dir / "f", c.text);
+    WordReader reader = WordReader::openFile(dir / "f", c.maxWord);
+    for (const bool again : {false, true}) {
+      std::vector<std::string> words;
+      for (std::string w; reader.next(w);) words.push_back(w);
+      EXPECT_EQ(words, c.words) << c.text.substr(0, 20) << again;
+      EXPECT_EQ(reader.error(), 0);
+      EXPECT_TRUE(reader.rewind());
+    }
+  }
 }
 
 }  // namespace
