@@ -151,7 +151,8 @@ echo "agent whole answer / snmpd fresh walk: p50 $(ratio "$apps_whole" "$snmp_fr
   " mean $(ratio "$apps_whole" "$snmp_fresh" mean_us)"
 echo "agent first batch / snmpd fresh walk: p50 $(ratio "$apps_first" "$snmp_fresh" p50_us)" \
   " mean $(ratio "$apps_first" "$snmp_fresh" mean_us)"
-echo "agent whole answer less its 10 ms pauses / snmpd fresh walk: p50 $(ratio "$apps_work" "$snmp_fresh" p50_us)" \
+# The search goes on during the pauses, so this one is a lower bound.
+echo "agent whole answer less its 10 ms pauses (search overlapping them) / snmpd fresh walk: p50 $(ratio "$apps_work" "$snmp_fresh" p50_us)" \
   " mean $(ratio "$apps_work" "$snmp_fresh" mean_us)"
 
 # The census walks "/", so it runs in a root holding the host's /usr and
