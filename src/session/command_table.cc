@@ -1,5 +1,8 @@
 #include "session/command_table.h"
 
+#include "actions/quit_process_handler.h"
+#include "actions/shutdown_handler.h"
+#include "actions/sync_clock_handler.h"
 #include "admin/change_password_handler.h"
 #include "admin/dbms_key_handler.h"
 #include "admin/retrieve_notes_handler.h"
@@ -43,10 +46,10 @@ constexpr CommandRow kTable[] = {
     {kExtensionsCommand, " received Extensions command", kList, &sendExtensionData},
     {kFontsCommand, " received Fonts command", kList, &sendFontData},
     {kStartupItemsCommand, " received Startup Items command", kList, &sendServiceData},
-    {kShutdownCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
-    {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, nullptr},
-    {kSyncClockCommand, " received Sync Clock command", kManage, nullptr},
-    {kQuitProcessCommand, " received Quit Process command", kManage, nullptr},
+    {kShutdownCommand, " received Shutdown/Reboot command", kShutdownRecordSize, &shutdownSystem},
+    {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, &shutdownSystem},
+    {kSyncClockCommand, " received Sync Clock command", kManage, &syncClock},
+    {kQuitProcessCommand, " received Quit Process command", kManage, &killProcess},
     {kLaunchAppCommand, " received Launch App command", kManage, nullptr},
     {kChangePasswordCommand, " received Change Password command", kManage, &changePassword},
     {kSendFileCommand, " received Send File command.", kManage, nullptr},
