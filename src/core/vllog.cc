@@ -31,6 +31,12 @@ bool VLLog::open(const std::string& file) {
 }
 
 int VLLog::init() {
+  std::vector<std::string> held;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    initTried_ = true;
+    held.swap(held_);
+  }
   if (checkVLDir() != 0) return -1;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -42,6 +48,7 @@ int VLLog::init() {
     curSize_ = 0;
   }
   LogMessage("Log Opened Successfully");
+  for (const std::string& line : held) Log(line);
   return 0;
 }
 
@@ -87,8 +94,11 @@ void VLLog::Log(const std::string& line) {
   text += line;
   text += '\n';
   std::lock_guard<std::mutex> lock(mutex_);
-  // Before init, or after a failed one, lines are dropped without a word.
-  if (!file_.valid()) return;
+  if (!file_.valid()) {
+    // Held until the log opens; after a failed open, dropped without a word.
+    if (!initTried_ && held_.size() < kMaxHeld) held_.push_back(line);
+    return;
+  }
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t n = ::write(file_.get(), text.data() + done, text.size() - done);
     if (n < 0 && errno == EINTR) continue;

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/host_paths.h"
 #include "base/unique_fd.h"
@@ -54,6 +55,11 @@ class VLLog {
   std::string fallbackDir_;
   UniqueFd file_;  // close-on-exec: children of the actions must not inherit it
   std::mutex mutex_;
+  // Lines logged before the first init (the login listener is set up before
+  // the log opens), written once it has opened; a few dozen at most.
+  static constexpr std::size_t kMaxHeld = 64;
+  bool initTried_ = false;
+  std::vector<std::string> held_;
 };
 
 // Every part of the agent logs through this one object.

@@ -46,3 +46,17 @@ TEST(VLLog, WhereTheLogGoes) {
   }
   EXPECT_EQ(fs::status(t / "new").permissions(), fs::perms::owner_all);
 }
+
+// The login listener is set up before the log opens: its lines come out
+// once it has, right after the log's own first line.
+TEST(VLLog, LinesBeforeTheLogOpensAreWrittenOnceItHas) {
+  test_support::TempDir t;
+  VLLog log(t.path, t / "fallback");
+  log.LogMessage("Successfully set login notification handler.");
+  ASSERT_EQ(log.init(), 0);
+  log.LogMessage("Varlo Core Initializing");
+  EXPECT_EQ(test_support::messagesOf(test_support::slurp(t / "Varlo.log").value_or("")),
+            (std::vector<std::string>{"Log Opened Successfully",
+                                      "Successfully set login notification handler.",
+                                      "Varlo Core Initializing"}));
+}
