@@ -3,6 +3,7 @@
 #include "actions/quit_process_handler.h"
 #include "actions/shutdown_handler.h"
 #include "actions/sync_clock_handler.h"
+#include "actions/throughput_handler.h"
 #include "admin/change_password_handler.h"
 #include "admin/dbms_key_handler.h"
 #include "admin/retrieve_notes_handler.h"
@@ -59,7 +60,7 @@ constexpr CommandRow kTable[] = {
     {kRetrieveNotesCommand, " received Retrieve Notes command", kManage, &sendNotes},
     {kFileExtensionCommand, " received File Extension command", kExtensionsRecordSize,
      &sendFileExtData},
-    {kThroughputCommand, " received Throughput command", 0, nullptr},
+    {kThroughputCommand, " received Throughput command", 0, &throughputTest},
     {kLocalVolumesCommand, " received Volumes command", kList, &sendVolumeData},
     {kHardDiskCommand, " received Hard Disk command", kList, &sendDiskData},
     {kPciCommand, " received PCI command", kList, &sendPCIData},
