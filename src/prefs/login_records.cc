@@ -6,6 +6,7 @@
 #include <systemd/sd-login.h>
 #include <utmpx.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -155,4 +156,17 @@ std::string LoginRecords::lastLoginIn(std::string_view records) {
   NewestLogin scan;
   forEachRecordIn(records, std::ref(scan));
   return scan.newest;
+}
+
+std::vector<std::string> LoginRecords::terminalsOf(const std::string& utmpPath,
+                                                   const std::string& user) {
+  std::vector<std::string> lines;
+  forEachRecord(utmpPath, [&](const utmpx& rec) {
+    if (rec.ut_type != USER_PROCESS || userOf(rec) != user) return;
+    const std::string line(rec.ut_line, strnlen(rec.ut_line, sizeof rec.ut_line));
+    if (!line.empty() && line.find('/') != 0 && line.find("..") == std::string::npos &&
+        std::find(lines.begin(), lines.end(), line) == lines.end())
+      lines.push_back(line);
+  });
+  return lines;
 }

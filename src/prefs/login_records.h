@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 #include <string_view>
 
 struct ConsoleUser {
@@ -35,4 +36,7 @@ class LoginRecords {
   static std::string lastLoginIn(std::string_view records);
 
   static bool isConsoleLine(const std::string& line);
+
+  // The terminal lines ("pts/3", "tty1") of the user's sessions in utmp.
+  static std::vector<std::string> terminalsOf(const std::string& utmpPath, const std::string& user);
 };

@@ -1,6 +1,8 @@
 #include "session/command_table.h"
 
+#include "actions/launch_app_handler.h"
 #include "actions/quit_process_handler.h"
+#include "actions/send_message_handler.h"
 #include "actions/shutdown_handler.h"
 #include "actions/sync_clock_handler.h"
 #include "actions/throughput_handler.h"
@@ -51,11 +53,11 @@ constexpr CommandRow kTable[] = {
     {kRebootCommand, " received Shutdown/Reboot command", kShutdownRecordSize, &shutdownSystem},
     {kSyncClockCommand, " received Sync Clock command", kManage, &syncClock},
     {kQuitProcessCommand, " received Quit Process command", kManage, &killProcess},
-    {kLaunchAppCommand, " received Launch App command", kManage, nullptr},
+    {kLaunchAppCommand, " received Launch App command", kManage, &launchApp},
     {kChangePasswordCommand, " received Change Password command", kManage, &changePassword},
     {kSendFileCommand, " received Send File command.", kManage, nullptr},
     {kSendFolderCommand, " received Send Folder command.", kManage, nullptr},
-    {kSendMessageCommand, " received Send Message command", kManage, nullptr},
+    {kSendMessageCommand, " received Send Message command", kManage, &sendMessage},
     {kStoreNotesCommand, " received Store Notes command", kManage, &storeNotes},
     {kRetrieveNotesCommand, " received Retrieve Notes command", kManage, &sendNotes},
     {kFileExtensionCommand, " received File Extension command", kExtensionsRecordSize,

@@ -1,0 +1,166 @@
+// Launch App and Send Message start real children in the name of a real
+// unprivileged user ("nobody"), through stand-ins that record what they got.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <utmpx.h>
+
+#include <cstring>
+
+#include "actions/launch_app_handler.h"
+#include "actions/send_message_handler.h"
+#include "console_end.h"
+#include "prefs/prefs.h"
+#include "session/session.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using test_support::Bytes;
+
+TEST(LaunchApp, ListLinesByIndex) {
+  const std::string list = "1 /usr/bin/a\n3 /Applications/Some App.app\nx 9\n12 /twelve\n";
+  EXPECT_EQ(findListedApp(list, 3), " /Applications/Some App.app") << "the blank stays";
+  EXPECT_EQ(findListedApp(list, 12), " /twelve");
+  EXPECT_EQ(findListedApp(list, 2), std::nullopt);
+  EXPECT_EQ(findListedApp(list, 9), std::nullopt);
+  EXPECT_EQ(findListedApp("4 " + std::string(600, 'p'), 4)->size(), 500u);
+}
+
+class UserActionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act in another user's name";
+    // A record directory the user may write; stand-ins it may run.
+    chmod(dir_.path.c_str(), 0755);
+    ASSERT_EQ(mkdir(record_.c_str(), 0777), 0);
+    chmod(record_.c_str(), 0777);
+    ASSERT_EQ(mkdir((dir_ / "bin").c_str(), 0755), 0);
+    for (const char* name : {"xdg-open", "notify-send"}) {
+      const std::string script = "#!/bin/sh\n{ printf '%s\\n' \"$@\"; id -u; id -g; id -G; env | sort; } > " +
+                                 record_ + "/" + name + "\n";
+      test_support::spit(dir_ / ("bin/" + std::string(name)), script);
+      chmod((dir_ / ("bin/" + std::string(name))).c_str(), 0755);
+    }
+    PrefsSources sources;
+    sources.localPrefsDir = (dir_ / "prefs");
+    sources.logindSeats = dir_ / "no-seats";
+    sources.utmp = dir_ / "utmp";
+    sources.folders.clear();
+    mkdir(sources.localPrefsDir.c_str(), 0700);
+    prefs_ = std::make_unique<CPrefs>(sources);
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    session_ = std::make_unique<Session>(fds[0], 1, *prefs_);
+    console_ = test_support::ConsoleEnd(fds[1]);
+  }
+
+  void logIn(const char* user) {
+    utmpx login{};
+    login.ut_type = USER_PROCESS;
+    std::strcpy(login.ut_line, "tty1");
+    std::strcpy(login.ut_user, user);
+    std::ofstream(dir_ / "utmp", std::ios::binary)
+        .write(reinterpret_cast<const char*>(&login), sizeof login);
+  }
+
+  // Waits for the children the handler started, as the foreman does.
+  void reap() {
+    for (const pid_t pid : session_->takeChildren()) waitpid(pid, nullptr, 0);
+  }
+
+  std::string replyText() {
+    const Bytes r = console_.receive(varlo::varlo_manage::kSize);
+    if (r.size() != varlo::varlo_manage::kSize) return "(none)";
+    return (r[2] ? "ok:" : "refused:") + std::string(reinterpret_cast<const char*>(&r[69]), r[68]);
+  }
+
+  const std::vector<std::string> kUserEnv = {
+      "DBUS_SESSION_BUS_ADDRESS=unix:path=/run/user/65534/bus", "HOME=/nonexistent",
+      "PATH=/usr/local/bin:/usr/bin:/bin", "XDG_RUNTIME_DIR=/run/user/65534"};
+
+  test_support::TempDir dir_;
+  std::string record_ = dir_ / "record";
+  test_support::LogCapture log_;
+  std::unique_ptr<CPrefs> prefs_;
+  std::unique_ptr<Session> session_;
+  test_support::ConsoleEnd console_;
+};
+
+std::vector<std::string> linesOf(const std::optional<std::string>& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text.value_or(""));
+  for (std::string l; std::getline(in, l);)
+    if (l.rfind("PWD=", 0) != 0) out.push_back(l);
+  return out;
+}
+
+TEST_F(UserActionTest, LaunchAppOpensThePlainPathAsTheConsoleUser) {
+  logIn("nobody");
+  test_support::spit(dir_ / "applist", "1 /usr/bin/a\n3 /Applications/Some App.app\n");
+  const LaunchSettings settings{dir_ / "applist", dir_ / "launch.log", dir_ / "bin", 0ms};
+  launchApp(*session_, 3, settings);
+  EXPECT_EQ(replyText(), "ok:");
+  reap();
+  std::vector<std::string> expected = {"/Applications/Some App.app", "65534", "65534", "65534"};
+  std::vector<std::string> env = kUserEnv;
+  env.insert(env.begin() + 1, "DISPLAY=:0");
+  expected.insert(expected.end(), env.begin(), env.end());
+  EXPECT_EQ(linesOf(test_support::slurp(record_ + "/xdg-open")), expected);
+  EXPECT_TRUE(log_.contains("Found application  /Applications/Some App.app"));
+  EXPECT_EQ(test_support::slurp(dir_ / "launch.log"),
+            "Launching application \"xdg-open\" with arg: /Applications/Some App.app\n");
+}
+
+TEST_F(UserActionTest, LaunchAppRefusals) {
+  test_support::spit(dir_ / "applist", "1 /usr/bin/a\n");
+  const LaunchSettings settings{dir_ / "applist", dir_ / "launch.log", dir_ / "bin", 0ms};
+  launchApp(*session_, 1, settings);
+  EXPECT_EQ(replyText(), "refused:No user is logged in to launch application");
+  logIn("nobody");
+  launchApp(*session_, 2, settings);
+  EXPECT_EQ(replyText(), "refused:The application could not be found");
+  // A list that is not the agent's own: somebody else's file, or a link.
+  chown((dir_ / "applist").c_str(), 65534, 65534);
+  launchApp(*session_, 1, settings);
+  EXPECT_EQ(replyText(), "refused:Could not open Application Cache");
+  symlink((dir_ / "applist").c_str(), (dir_ / "linked").c_str());
+  launchApp(*session_, 1, LaunchSettings{dir_ / "linked", dir_ / "launch.log", dir_ / "bin", 0ms});
+  EXPECT_EQ(replyText(), "refused:Could not open Application Cache");
+  logIn("root");
+  chown((dir_ / "applist").c_str(), 0, 0);
+  launchApp(*session_, 1, settings);
+  EXPECT_EQ(replyText(), "refused:The application could not be launched") << "never as root";
+  EXPECT_FALSE(test_support::slurp(record_ + "/xdg-open").has_value());
+}
+
+TEST_F(UserActionTest, SendMessageEchoesThenNotifiesAsTheConsoleUser) {
+  logIn("nobody");
+  struct Case {
+    std::string text;
+    bool shown;
+  };
+  for (const Case& c : {Case{"Backup at 6", true}, Case{"caf\xc3\xa9", false}}) {
+    std::filesystem::remove(record_ + "/notify-send");
+    auto request = varlo::varlo_manage::reply(20, false, false);
+    varlo::putPString<varlo::varlo_manage::Message>(request, c.text);
+    request[40] = 0x5A;  // echoed as it came
+    ASSERT_TRUE(console_.send(request));
+    sendMessage(*session_, MessageSettings{dir_ / "bin", dir_ / "utmp", dir_ / "dev"});
+    auto echo = request;
+    echo[2] = echo[3] = 1;
+    EXPECT_EQ(console_.receive(varlo::varlo_manage::kSize), Bytes(echo.begin(), echo.end()));
+    reap();
+    if (c.shown) {
+      std::vector<std::string> expected = {"Pathmere Notification", c.text, "65534", "65534", "65534"};
+      expected.insert(expected.end(), kUserEnv.begin(), kUserEnv.end());
+      EXPECT_EQ(linesOf(test_support::slurp(record_ + "/notify-send")), expected);
+    } else {
+      EXPECT_FALSE(test_support::slurp(record_ + "/notify-send").has_value());
+      EXPECT_TRUE(log_.contains("SendMessage: Failed to create CFString from message."));
+    }
+  }
+}
+
+}  // namespace
