@@ -61,6 +61,20 @@ std::optional<std::string> findListedApp(const std::string& listText, unsigned l
   return std::nullopt;
 }
 
+pid_t launchApplication(std::string path, const std::string& user, uid_t uid, gid_t gid,
+                        const LaunchSettings& settings) {
+  // Never as root: an unknown user or root at the console launches nothing.
+  auto child = UserProcess::forUser(user, uid, gid, true);
+  if (!child) return -1;
+  if (!path.empty() && path[0] == ' ') path.erase(0, 1);
+  child->program = UserProcess::findProgram("xdg-open", settings.searchPath);
+  child->argv = {"xdg-open", path};
+  child->logPath = settings.childLog;
+  child->logLines = {"Launching application \"xdg-open\" with arg: " + path};
+  child->launchFailure = "Unable to launch application " + path;
+  return child->start();
+}
+
 void launchApp(Session& session, std::uint32_t index, const LaunchSettings& settings) {
   CPrefs& prefs = session.prefs();
   if (prefs.checkForUser() == 0) {
@@ -84,18 +98,7 @@ void launchApp(Session& session, std::uint32_t index, const LaunchSettings& sett
   }
   session.log("Found application " + *found);
 
-  // Never as root: an unknown user or root at the console launches nothing.
-  auto child = UserProcess::forUser(user, uid, gid, true);
-  const std::string path = !found->empty() && (*found)[0] == ' ' ? found->substr(1) : *found;
-  pid_t pid = -1;
-  if (child) {
-    child->program = UserProcess::findProgram("xdg-open", settings.searchPath);
-    child->argv = {"xdg-open", path};
-    child->logPath = settings.childLog;
-    child->logLines = {"Launching application \"xdg-open\" with arg: " + path};
-    child->launchFailure = "Unable to launch application " + path;
-    pid = child->start();
-  }
+  const pid_t pid = launchApplication(*found, user, uid, gid, settings);
   if (pid < 0) {
     answer(session, false, "The application could not be launched");
     return;

@@ -2,6 +2,8 @@
 // list file, opened with xdg-open in the console user's name.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -23,3 +25,8 @@ struct LaunchSettings {
 };
 
 void launchApp(Session& session, std::uint32_t index, const LaunchSettings& settings);
+
+// Starts xdg-open on path (one leading blank dropped) in the user's name:
+// the child's pid, or -1 for root, an unknown user or no child.
+pid_t launchApplication(std::string path, const std::string& user, uid_t uid, gid_t gid,
+                        const LaunchSettings& settings = {});

@@ -2,6 +2,8 @@
 
 #include "actions/launch_app_handler.h"
 #include "actions/quit_process_handler.h"
+#include "actions/send_file_handler.h"
+#include "actions/send_folder_handler.h"
 #include "actions/send_message_handler.h"
 #include "actions/shutdown_handler.h"
 #include "actions/sync_clock_handler.h"
@@ -55,8 +57,8 @@ constexpr CommandRow kTable[] = {
     {kQuitProcessCommand, " received Quit Process command", kManage, &killProcess},
     {kLaunchAppCommand, " received Launch App command", kManage, &launchApp},
     {kChangePasswordCommand, " received Change Password command", kManage, &changePassword},
-    {kSendFileCommand, " received Send File command.", kManage, nullptr},
-    {kSendFolderCommand, " received Send Folder command.", kManage, nullptr},
+    {kSendFileCommand, " received Send File command.", kManage, &sendFile},
+    {kSendFolderCommand, " received Send Folder command.", kManage, &sendFolder},
     {kSendMessageCommand, " received Send Message command", kManage, &sendMessage},
     {kStoreNotesCommand, " received Store Notes command", kManage, &storeNotes},
     {kRetrieveNotesCommand, " received Retrieve Notes command", kManage, &sendNotes},

@@ -144,6 +144,13 @@ void Session::sendBadPassword(const varlo_cmd_header& header, std::size_t size) 
 }
 
 int Session::receiveFileData(std::ostream& out) {
+  return receiveFileData([&out](const char* data, std::size_t len) {
+    out.write(data, static_cast<std::streamsize>(len));
+    return static_cast<bool>(out);
+  });
+}
+
+int Session::receiveFileData(const std::function<bool(const char*, std::size_t)>& write) {
   constexpr std::uint32_t kPiece = 3072;
   std::vector<char> piece(kPiece);
   std::uint64_t total = 0;
@@ -159,11 +166,10 @@ int Session::receiveFileData(std::ostream& out) {
     const std::uint32_t length = getU32(lengthBytes.data());
     for (std::uint32_t remaining = length; remaining > 0;) {
       const std::uint32_t n = remaining < kPiece ? remaining : kPiece;
-      if (ReceiveData(piece.data(), static_cast<int>(n)) != 0) {
+      if (ReceiveData(piece.data(), static_cast<int>(n)) != 0 || !write(piece.data(), n)) {
         sendBadACK("Failed to receive data.");
         return -1;
       }
-      out.write(piece.data(), n);
       remaining -= n;
     }
     total += length;

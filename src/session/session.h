@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <ostream>
@@ -51,6 +52,9 @@ class Session {
   void sendBadPassword(const varlo::varlo_cmd_header& header, std::size_t size);
   // One file's bytes in acknowledged chunks; 0 or -1.
   int receiveFileData(std::ostream& out);
+  // The same into write, which says whether the bytes were kept; when it
+  // cannot (a full disk) the console is told "Failed to receive data.".
+  int receiveFileData(const std::function<bool(const char* data, std::size_t len)>& write);
 
   // The session as a destination for a reply's records.
   RecordSink sink();

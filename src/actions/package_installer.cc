@@ -1,0 +1,125 @@
+#include "actions/package_installer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "actions/user_process.h"
+
+extern char** environ;
+
+namespace {
+
+void put(int fd, const char* text) {
+  if (fd < 0) return;
+  for (std::size_t len = std::strlen(text); len > 0;) {
+    const ssize_t n = ::write(fd, text, len);
+    if (n <= 0) return;
+    text += n;
+    len -= static_cast<std::size_t>(n);
+  }
+}
+
+void putNumber(int fd, long value) {
+  char digits[24];
+  char* p = digits + sizeof digits;
+  *--p = '\0';
+  const bool negative = value < 0;
+  unsigned long v = negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
+  do *--p = static_cast<char>('0' + v % 10);
+  while ((v /= 10) != 0);
+  if (negative) *--p = '-';
+  put(fd, p);
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> out;
+  for (auto& s : strings) out.push_back(s.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+}  // namespace
+
+std::vector<std::string> installerCommand(const std::string& packagePath,
+                                          const InstallSettings& settings) {
+  std::vector<std::string> command;
+  if (const std::string dpkg = UserProcess::findProgram("dpkg", settings.searchPath); !dpkg.empty()) {
+    command = {dpkg, "--install", "--recursive", packagePath};
+  } else if (const std::string rpm = UserProcess::findProgram("rpm", settings.searchPath);
+             !rpm.empty()) {
+    // The package files are known once the archive is unpacked.
+    command = {settings.shell, "-c", "exec \"$0\" --upgrade --replacepkgs \"$1\"/*.rpm", rpm,
+               packagePath};
+  } else {
+    return {};
+  }
+  struct stat st {};
+  const std::string systemdRun = UserProcess::findProgram("systemd-run", settings.searchPath);
+  if (::stat(settings.systemdMarker.c_str(), &st) == 0 && !systemdRun.empty()) {
+    // Its own unit: outside the agent's service, whose restart it survives.
+    std::vector<std::string> unit = {systemdRun, "--unit=varlo-update-" + std::to_string(::getpid()),
+                                     "--collect", "--quiet", "--no-block"};
+    command.insert(command.begin(), unit.begin(), unit.end());
+  }
+  return command;
+}
+
+pid_t replaceVL(const std::string& folder, const std::string& fileName,
+                const InstallSettings& settings) {
+  // Everything the child needs, made before the fork.
+  std::vector<std::string> untar = {settings.shell, "-c", "tar -xzf " + folder + fileName};
+  const std::string packagePath = (folder + "Varlo.pkg").substr(0, 200);
+  std::vector<std::string> installer = installerCommand(packagePath, settings);
+  const std::string located = "Package is located at: " + packagePath + "\n";
+  std::vector<char*> untarArgs = pointers(untar);
+  std::vector<char*> installerArgs = pointers(installer);
+
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+
+  const int log = ::open(settings.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (::chdir(settings.workDir.c_str()) != 0) {
+    // Unpacked into the folder the archive is in regardless: paths are whole.
+  }
+  int status = -1;
+  const pid_t tar = ::fork();
+  if (tar == 0) {
+    ::execve(untarArgs[0], untarArgs.data(), environ);
+    ::_exit(127);
+  }
+  if (tar > 0) {
+    pid_t r;
+    do r = ::waitpid(tar, &status, 0);
+    while (r < 0 && errno == EINTR);
+    status = r < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  if (status < 0 || status == 127) {
+    put(log, "Failed to untar archive.  Error: ");
+    putNumber(log, status);
+    put(log, "\n");
+    ::_exit(0);
+  }
+  put(log, located.c_str());
+  if (::setsid() < 0) {
+    put(log, "replaceVL: failed to get valid session id from system.  Error: ");
+    putNumber(log, errno);
+    put(log, "\n");
+    ::_exit(255);
+  }
+  if (installer.empty()) {
+    put(log, "Unable to launch installer. Error: ");
+    putNumber(log, ENOENT);
+    put(log, "\n");
+    ::_exit(0);
+  }
+  ::execve(installerArgs[0], installerArgs.data(), environ);
+  put(log, "Unable to launch installer. Error: ");
+  putNumber(log, errno);
+  put(log, "\n");
+  ::_exit(0);
+}
