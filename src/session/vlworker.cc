@@ -2,6 +2,14 @@
 
 #include <cstdio>
 
+#include "actions/launch_app_handler.h"
+#include "actions/quit_process_handler.h"
+#include "actions/send_file_handler.h"
+#include "actions/send_folder_handler.h"
+#include "actions/send_message_handler.h"
+#include "actions/shutdown_handler.h"
+#include "actions/sync_clock_handler.h"
+#include "actions/throughput_handler.h"
 #include "admin/change_password_handler.h"
 #include "admin/dbms_key_handler.h"
 #include "admin/retrieve_notes_handler.h"
@@ -118,5 +126,15 @@ void VLWorker::sendControlsData() { ::sendControlsData(*session_, kControlPanels
 void VLWorker::sendExtensionData() { ::sendExtensionData(*session_, kExtensionsCommand); }
 void VLWorker::sendFontData() { ::sendFontData(*session_, kFontsCommand); }
 void VLWorker::sendServiceData() { ::sendServiceData(*session_, kStartupItemsCommand); }
+void VLWorker::shutdownSystem(bool reboot) {
+  ::shutdownSystem(*session_, reboot ? kRebootCommand : kShutdownCommand);
+}
+void VLWorker::syncClock() { ::syncClock(*session_, kSyncClockCommand); }
+void VLWorker::killProcess() { ::killProcess(*session_, kQuitProcessCommand); }
+void VLWorker::sendMessage() { ::sendMessage(*session_, kSendMessageCommand); }
+void VLWorker::launchApp() { ::launchApp(*session_, kLaunchAppCommand); }
+void VLWorker::sendFile() { ::sendFile(*session_, kSendFileCommand); }
+void VLWorker::receiveFolder() { ::sendFolder(*session_, kSendFolderCommand); }
+void VLWorker::throughputTest() { ::throughputTest(*session_, kThroughputCommand); }
 void VLWorker::sendFileExtData() { ::sendFileExtData(*session_, kFileExtensionCommand); }
 void VLWorker::runBackupProfiler() { ::runBackupProfiler(*session_, kBackupProfilerCommand); }

@@ -69,6 +69,14 @@ class VLWorker {
   void sendFontData();
   void sendServiceData();
   void sendFileExtData();
+  void shutdownSystem(bool reboot);
+  void syncClock();
+  void killProcess();
+  void sendMessage();
+  void launchApp();
+  void sendFile();
+  void receiveFolder();
+  void throughputTest();
   void runBackupProfiler();
 
  protected:

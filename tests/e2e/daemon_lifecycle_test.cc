@@ -32,7 +32,9 @@ std::vector<std::string> mainThreadLines() {
   utsname un{};
   uname(&un);
   // clang-format off
-  return {"Log Opened Successfully", "Varlo Core Initializing", "Varlo Version: 5.6.0",
+  return {"Log Opened Successfully",
+          "Successfully set login notification handler.",  // set up before the log opened
+          "Varlo Core Initializing", "Varlo Version: 5.6.0",
           "Linux Varlo running on " + std::string(un.machine) + " architecture.",
           "Could not open preferences file",  // none yet
           "Successfully bound UDP port 4347", "Successfully bound TCP port 4347",

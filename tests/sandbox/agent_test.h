@@ -42,9 +42,12 @@ class AgentTest : public ::testing::Test {
 
   Sandbox& box() { return *box_; }
 
+  // What the agent's environment holds beyond the plain one.
+  virtual std::vector<std::string> agentEnv() const { return {}; }
+
   // Starts the agent in the foreground; waits for its pid file, the last step of start-up.
   Process startAgent() {
-    Process agent = box_->spawn({kAgent, "nodaemon"});
+    Process agent = box_->spawn({kAgent, "nodaemon"}, agentEnv());
     const bool up = waitUntil([&] { return readFile(box_->hostPath(kPidFile)).has_value(); },
                               std::chrono::seconds(10));
     EXPECT_TRUE(up) << "agent did not write its pid file; output:\n" << agent.output();

@@ -20,6 +20,11 @@ struct Options {
   std::string hostName = "varlo-sandbox";
   std::string hosts = "127.0.0.1\tlocalhost\n::1\tlocalhost\n";
   std::string resolvConf;
+  // Recording stand-ins for /sbin/shutdown, dpkg, notify-send and xdg-open
+  // (in tmpfs /usr/local/bin and /usr/local/sbin and an overlay on /usr/sbin):
+  // each call leaves /tmp/standins/NAME.PID with its arguments, "--", its
+  // uid, gid and groups, "--", and its environment sorted.
+  bool standIns = false;
 };
 
 // A process started inside the sandbox. Its standard output and error are
@@ -63,8 +68,11 @@ class Sandbox {
   // Where a path inside the sandbox can be read and written from the test.
   std::string hostPath(const std::string& inside) const;
 
-  // Starts argv[0] (an absolute path inside) as root in / with a plain environment.
-  Process spawn(const std::vector<std::string>& argv) const;
+  // Starts argv[0] (an absolute path inside) as root in / with a plain
+  // environment plus extraEnv. Whatever runs in the sandbox can neither set
+  // the clock nor reboot: those capabilities leave its bounding set.
+  Process spawn(const std::vector<std::string>& argv,
+                const std::vector<std::string>& extraEnv = {}) const;
 
   // While it lives, sockets the calling thread (and threads it starts) opens
   // belong to the sandbox's network, so a test can be the agent's peer.

@@ -1,0 +1,181 @@
+// The actions against the real agent, with recording stand-ins for
+// /sbin/shutdown, notify-send and xdg-open and the clock calls recorded by a
+// preloaded shim: nothing here shuts down, re-clocks or installs anything.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <utmpx.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "console_end.h"
+#include "sandbox/agent_test.h"
+#include "varlo/action_records.h"
+#include "varlo/volume_records.h"
+
+namespace sandbox {
+namespace {
+
+using namespace std::chrono_literals;
+using test_support::Bytes;
+using test_support::ConsoleEnd;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+class ActionsTest : public AgentTest {
+ protected:
+  Options sandboxOptions() const override {
+    Options o = AgentTest::sandboxOptions();
+    o.standIns = true;
+    return o;
+  }
+  std::vector<std::string> agentEnv() const override {
+    // A sanitized agent must accept a library preloaded before its runtime.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    return {"LD_PRELOAD=" VARLO_CLOCK_SHIM,
+            "ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":verify_asan_link_order=0"};
+  }
+
+  // The recordings of one stand-in: arguments, then uid/gid/groups, then env.
+  std::vector<std::vector<std::string>> recorded(const std::string& name) {
+    std::vector<std::vector<std::string>> out;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(box().hostPath("/tmp/standins"), ec)) {
+      if (e.path().filename().string().rfind(name + ".", 0) != 0) continue;
+      std::vector<std::string> lines;
+      std::istringstream in(readFile(e.path()).value_or(""));
+      for (std::string l; std::getline(in, l);) lines.push_back(l);
+      out.push_back(lines);
+    }
+    return out;
+  }
+
+  // Waits for the agent's answer of `size` bytes to a command.
+  Bytes command(std::uint16_t code, const Bytes& request, std::size_t size,
+                std::chrono::milliseconds wait = 3s) {
+    auto console = ConsoleEnd::connectTo();
+    EXPECT_TRUE(console.sendHeader(code, ""));
+    if (!request.empty()) {
+      EXPECT_TRUE(console.send(request.data(), request.size()));
+    }
+    return console.receive(size, wait);
+  }
+
+  void logIn(const char* user) {
+    utmpx login{};
+    login.ut_type = USER_PROCESS;
+    std::strcpy(login.ut_line, "tty1");
+    std::strcpy(login.ut_user, user);
+    login.ut_tv.tv_sec = time(nullptr);
+    std::ofstream(box().hostPath("/run/utmp"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(&login), sizeof login);
+  }
+};
+
+Bytes be32(std::uint32_t v) { return {Bytes::value_type(v >> 24), Bytes::value_type(v >> 16),
+                                      Bytes::value_type(v >> 8), Bytes::value_type(v)}; }
+
+TEST_F(ActionsTest, ShutdownRebootAndClockReachOnlyTheirStandIns) {
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  for (const auto& [code, flag] : {std::pair{12, "-h"}, {13, "-r"}}) {
+    const Bytes reply = command(static_cast<std::uint16_t>(code), {}, varlo::varlo_shutdown::kSize);
+    ASSERT_EQ(reply.size(), varlo::varlo_shutdown::kSize);
+    EXPECT_EQ(test_support::prefixOf(reply), (Bytes{0, 0, 1, 1, 0})) << code;
+    ASSERT_TRUE(waitUntil([&] { return recorded("shutdown").size() == (code == 12 ? 1u : 2u); }, 3s));
+  }
+  std::vector<std::string> args;
+  for (const auto& r : recorded("shutdown")) args.push_back(r[0] + " " + r[1]);
+  std::sort(args.begin(), args.end());
+  EXPECT_THAT(args, ElementsAre("-h now", "-r now"));
+
+  // The console's local time: 1904-based seconds; the zone here is the host's.
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  const std::uint32_t console = static_cast<std::uint32_t>(now + local.tm_gmtoff) + 2082844800u;
+  const Bytes reply = command(14, be32(console), varlo::varlo_manage::kSize);
+  EXPECT_EQ(test_support::prefixOf(reply), (Bytes{0, 14, 1, 1, 0}));
+  EXPECT_EQ(readFile(box().hostPath("/tmp/clock-set")),
+            std::to_string(now + local.tm_gmtoff + std::labs(local.tm_gmtoff)) + "\n");
+  EXPECT_THAT(log(), HasSubstr("Old Time: "));
+}
+
+TEST_F(ActionsTest, QuitProcessEndsAProcessThatIgnoresTerm) {
+  // Orphaned at once, so the sandbox's init reaps it the moment it dies.
+  Process starter = box().spawn(
+      {"/bin/sh", "-c", "(trap '' TERM; exec sleep 60) & echo $! > /tmp/victim.pid"});
+  ASSERT_TRUE(waitUntil([&] { return readFile(box().hostPath("/tmp/victim.pid")).has_value(); }, 3s));
+  const auto pid = static_cast<std::uint32_t>(std::stoul(*readFile(box().hostPath("/tmp/victim.pid"))));
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  const auto start = std::chrono::steady_clock::now();
+  Bytes request(4, 0);
+  const Bytes low = be32(pid);
+  request.insert(request.end(), low.begin(), low.end());
+  const Bytes reply = command(15, request, varlo::varlo_manage::kSize, 10s);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(test_support::prefixOf(reply), (Bytes{0, 0, 1, 1, 0}));
+  EXPECT_GE(took, 5900ms) << "TERM, three seconds, KILL, three seconds";
+  EXPECT_LT(took, 8s);
+  EXPECT_FALSE(std::filesystem::exists(box().hostPath("/proc/" + std::to_string(pid))));
+}
+
+TEST_F(ActionsTest, MessagesAndLaunchesRunAsTheConsoleUserOnly) {
+  logIn("nobody");
+  test_support::spit(box().hostPath("/tmp/applist"), "1 /usr/bin/true\n2 /opt/Some App\n");
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+
+  auto message = varlo::varlo_manage::reply(20, false, false);
+  varlo::putPString<varlo::varlo_manage::Message>(message, "Backup at six");
+  const Bytes echo = command(20, Bytes(message.begin(), message.end()), varlo::varlo_manage::kSize);
+  ASSERT_EQ(echo.size(), varlo::varlo_manage::kSize);
+  EXPECT_EQ(echo[2], 1);
+  ASSERT_TRUE(waitUntil([&] { return recorded("notify-send").size() == 1; }, 3s));
+  const auto shown = recorded("notify-send")[0];
+  EXPECT_THAT(std::vector<std::string>(shown.begin(), shown.begin() + 7),
+              ElementsAre("Pathmere Notification", "Backup at six", "--", "65534", "65534", "65534", "--"));
+  EXPECT_THAT(shown, ::testing::Contains("XDG_RUNTIME_DIR=/run/user/65534"));
+  EXPECT_THAT(shown, ::testing::Contains("DBUS_SESSION_BUS_ADDRESS=unix:path=/run/user/65534/bus"));
+
+  const Bytes launched = command(16, be32(2), varlo::varlo_manage::kSize);
+  EXPECT_EQ(test_support::prefixOf(launched), (Bytes{0, 0, 1, 1, 0}));
+  ASSERT_TRUE(waitUntil([&] { return recorded("xdg-open").size() == 1; }, 3s));
+  const auto opened = recorded("xdg-open")[0];
+  EXPECT_THAT(std::vector<std::string>(opened.begin(), opened.begin() + 5),
+              ElementsAre("/opt/Some App", "--", "65534", "65534", "65534"));
+  EXPECT_THAT(opened, ::testing::Contains("DISPLAY=:0"));
+  EXPECT_THAT(readFile(box().hostPath("/tmp/vllaunchapp.log")),
+              ::testing::Optional(std::string("Launching application \"xdg-open\" with arg: /opt/Some App\n")));
+}
+
+TEST_F(ActionsTest, ThroughputStreamsTheWritablePartitionsOnly) {
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  auto console = ConsoleEnd::connectTo();
+  ASSERT_TRUE(console.sendHeader(24, ""));
+  std::vector<std::string> partitions;
+  for (;;) {
+    const Bytes header = console.receive(14);
+    ASSERT_EQ(header.size(), 14u);
+    if (header[3] != 0) {
+      EXPECT_EQ(header, test_support::listHeader(24, 1, 0));
+      break;
+    }
+    EXPECT_EQ(header, test_support::listHeader(24, 0, 1));
+    const Bytes record = console.receive(varlo::varlo_volume::kSize);
+    partitions.push_back(varlo::varlo_volume::decodeAt(record.data()).name);
+    EXPECT_EQ(console.receive(1 << 20), Bytes(1 << 20, 0));
+    console.send(varlo::varlo_cmd_header{}.encode());
+  }
+  // The root is the sandbox's tmpfs; /usr, /etc and the rest are read-only.
+  EXPECT_THAT(partitions, ElementsAre("/"));
+  EXPECT_FALSE(std::filesystem::exists(box().hostPath("/vltmp")));
+  EXPECT_THAT(log(), HasSubstr(" Unable to create temp file on partition /usr"));
+}
+
+}  // namespace
+}  // namespace sandbox
