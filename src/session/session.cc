@@ -90,39 +90,43 @@ int Session::SendData(const void* data, int len) {
 int Session::ReceiveData(void* out, int len) {
   if (len <= 0) return -1;
   if (!socket_.valid()) return -2;
-  // Staged, so that a record cut short leaves the caller's bytes as they were.
-  std::vector<char> buffer(static_cast<std::size_t>(len));
-  char* const staging = buffer.data();
+  // Staged, so that a record cut short leaves the caller's bytes as they
+  // were; the pieces of a file arrive 3 KiB at a time, so no allocation then.
+  char small[4096];
+  std::vector<char> large;
+  char* staging = small;
+  if (static_cast<std::size_t>(len) > sizeof small) {
+    large.resize(static_cast<std::size_t>(len));
+    staging = large.data();
+  }
   int received = 0;
   while (received < len) {
-    pollfd pfd{socket_.get(), POLLIN, 0};
-    int ready;
-    do {
-      ready = ::poll(&pfd, 1, 1000);
-    } while (ready < 0 && errno == EINTR);
     if (stopRequested()) return -2;
-    const auto wanted = static_cast<std::size_t>(len - received);
-    ssize_t peeked = 0;
-    if (ready > 0) {
-      // The peek lands where the piece goes, so a record that arrives in
-      // several pieces is put together whole.
-      peeked = ::recv(socket_.get(), staging + received, wanted, MSG_PEEK);
-      if (peeked < 0) {
-        log("Error checking for received data. Error: " + std::to_string(errno));
-        return -2;
-      }
+    // What has arrived is taken at once; only an empty socket is waited on.
+    const ssize_t n = ::recv(socket_.get(), staging + received,
+                             static_cast<std::size_t>(len - received), MSG_DONTWAIT);
+    if (n > 0) {
+      received += static_cast<int>(n);
+      continue;
     }
-    // A closed peer would otherwise make every wait return at once, forever.
-    if (ready <= 0 || peeked == 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+      log("Error checking for received data. Error: " + std::to_string(errno));
+      return -2;
+    }
+    int ready = 0;
+    if (n < 0) {
+      pollfd pfd{socket_.get(), POLLIN, 0};
+      do {
+        ready = ::poll(&pfd, 1, 1000);
+      } while (ready < 0 && errno == EINTR);
+      if (stopRequested()) return -2;
+    }
+    // A closed peer (n == 0), or a second of silence.
+    if (ready <= 0) {
       log("Worker " + std::to_string(workerId_) + " did not receive data in a timely manner");
       return -2;
     }
-    const ssize_t n = ::recv(socket_.get(), staging + received, static_cast<std::size_t>(peeked), 0);
-    if (n < 0) {
-      log("Error receiving data. Error: " + std::to_string(errno));
-      return -2;
-    }
-    received += static_cast<int>(n);
   }
   std::memcpy(out, staging, static_cast<std::size_t>(len));
   return 0;
