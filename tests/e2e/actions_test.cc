@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "console_end.h"
 #include "sandbox/agent_test.h"
@@ -175,6 +176,69 @@ TEST_F(ActionsTest, ThroughputStreamsTheWritablePartitionsOnly) {
   EXPECT_THAT(partitions, ElementsAre("/"));
   EXPECT_FALSE(std::filesystem::exists(box().hostPath("/vltmp")));
   EXPECT_THAT(log(), HasSubstr(" Unable to create temp file on partition /usr"));
+}
+
+}  // namespace
+}  // namespace sandbox
+
+namespace sandbox {
+namespace {
+
+// The console's side of Send File up to the data: request, flags, fork header.
+bool startSendFile(ConsoleEnd& console, std::uint32_t folder, const std::string& name,
+                   std::uint32_t length) {
+  auto request = varlo::varlo_manage::reply(0, false, false);
+  varlo::put32<varlo::varlo_manage::KeyValue>(request, folder);
+  varlo::putPString<varlo::varlo_manage::Message>(request, name);
+  const auto ok = [&] {
+    const Bytes r = console.receive(varlo::varlo_manage::kSize);
+    return r.size() == varlo::varlo_manage::kSize && r[2] == 1;
+  };
+  auto header = varlo::varlo_cmd_header{}.encode();
+  header[2] = 1;
+  const std::uint8_t flags[2] = {1, 0};
+  return console.sendHeader(18, "") && console.send(request) && ok() && console.send(header) &&
+         console.send(flags, 2) && ok() && console.send(header) && console.send(be32(length).data(), 4) &&
+         ok();
+}
+
+TEST_F(ActionsTest, AFullDiskKeepsNoPartialFileAndShutdownEndsATransferAtOnce) {
+  sh("mkdir -p /root/Desktop && mount -t tmpfs -o size=64k tmpfs /root/Desktop");
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  {
+    auto console = ConsoleEnd::connectTo();
+    ASSERT_TRUE(startSendFile(console, 0x6465736B /* desk */, "big.bin", 200000));
+    auto chunk = varlo::varlo_cmd_header{}.encode();
+    chunk[2] = chunk[3] = 1;
+    console.send(chunk);
+    console.send(be32(200000).data(), 4);
+    console.send(std::string(200000, 'x').data(), 200000);
+    Bytes refusal;
+    for (int i = 0; i < 3 && refusal.empty(); ++i) {
+      const Bytes r = console.receive(varlo::varlo_manage::kSize);
+      if (r.size() == varlo::varlo_manage::kSize && r[2] == 0) refusal = r;
+    }
+    ASSERT_FALSE(refusal.empty());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&refusal[69]), refusal[68]),
+              "Failed to receive data.");
+  }
+  EXPECT_FALSE(std::filesystem::exists(box().hostPath("/root/Desktop/big.bin")));
+
+  // A transfer that stalls half way: the agent still stops within two seconds.
+  auto console = ConsoleEnd::connectTo();
+  ASSERT_TRUE(startSendFile(console, 0x58585858 /* XXXX */, "stalled.bin", 1 << 20));
+  auto chunk = varlo::varlo_cmd_header{}.encode();
+  chunk[2] = chunk[3] = 1;
+  console.send(chunk);
+  console.send(be32(1 << 20).data(), 4);
+  console.send(std::string(4096, 'y').data(), 4096);
+  std::this_thread::sleep_for(200ms);
+  const auto start = std::chrono::steady_clock::now();
+  agent.signal(SIGTERM);
+  ASSERT_TRUE(agent.wait(5s).has_value());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  EXPECT_THAT(log(), HasSubstr("Shutdown completed"));
 }
 
 }  // namespace
