@@ -1,5 +1,7 @@
 #include "intake/vlforeman.h"
 
+#include <chrono>
+
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -17,7 +19,10 @@ void VLForeman::run() {
   // Connections queued before we listened must not wait for the next one.
   for (std::size_t queued = buffer_.size(); queued > 0; --queued) sem_.semUp();
   while (!quit_) {
-    sem_.semDown();
+    if (!sem_.semDownFor(std::chrono::seconds(1))) {
+      reapChildren();
+      continue;
+    }
     checkWorkers();
     if (quit_) break;
     if (!buffer_.empty()) hire();
@@ -43,8 +48,22 @@ void VLForeman::hire() {
   }
 }
 
+void VLForeman::reapChildren() {
+  for (Hand& hand : crew_) hand.worker->returnPids(pids_);
+  for (auto it = pids_.begin(); it != pids_.end();) {
+    if (waitpid(*it, nullptr, WNOHANG) == *it) {
+      it = pids_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
 void VLForeman::checkWorkers() {
-  if (crew_.empty()) return;
+  if (crew_.empty()) {
+    reapChildren();
+    return;
+  }
   Log->LogMessage("Checking for finished workers");
   for (auto it = crew_.begin(); it != crew_.end();) {
     if (!it->worker->finished()) {
@@ -56,13 +75,7 @@ void VLForeman::checkWorkers() {
     it = crew_.erase(it);
   }
   Log->LogMessage("There are " + std::to_string(crew_.size()) + " workers still running");
-  for (auto it = pids_.begin(); it != pids_.end();) {
-    if (waitpid(*it, nullptr, WNOHANG) == *it) {
-      it = pids_.erase(it);
-    } else {
-      ++it;
-    }
-  }
+  reapChildren();
 }
 
 void VLForeman::exit() {

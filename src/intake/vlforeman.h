@@ -23,6 +23,10 @@ class VLForeman : public VLWorker {
   // The foreman thread's body; returns after exit().
   void run();
   void checkWorkers();
+  // Collects the processes every worker started and reaps those that have
+  // ended; runs at each wake-up and once a second, so no child stays a
+  // zombie for long.
+  void reapChildren();
   // From the main thread: stop after the current wake-up.
   void exit();
 

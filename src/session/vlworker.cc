@@ -60,7 +60,7 @@ int VLWorker::init(const task* t) {
 }
 
 void VLWorker::returnPids(std::vector<pid_t>& out) {
-  const std::vector<pid_t> started = session_->takeChildren();
+  const std::vector<pid_t> started = session_ ? session_->takeChildren() : std::vector<pid_t>{};
   out.insert(out.end(), pids_.begin(), pids_.end());
   out.insert(out.end(), started.begin(), started.end());
   pids_.clear();

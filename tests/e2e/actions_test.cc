@@ -243,3 +243,25 @@ TEST_F(ActionsTest, AFullDiskKeepsNoPartialFileAndShutdownEndsATransferAtOnce) {
 
 }  // namespace
 }  // namespace sandbox
+
+namespace sandbox {
+namespace {
+
+TEST_F(ActionsTest, TheChildrenOfTheActionsAreReaped) {
+  logIn("nobody");
+  Process agent = startAgent();
+  Sandbox::NetworkScope net(box());
+  auto message = varlo::varlo_manage::reply(20, false, false);
+  varlo::putPString<varlo::varlo_manage::Message>(message, "hello");
+  command(20, Bytes(message.begin(), message.end()), varlo::varlo_manage::kSize);
+  ASSERT_TRUE(waitUntil([&] { return recorded("notify-send").size() == 1; }, 3s));
+  // No zombie among the processes, once the foreman has had its second.
+  const auto zombies = [&] {
+    const auto r = box().run({"/bin/sh", "-c", "grep -l '^State:.Z' /proc/[0-9]*/status | wc -l"});
+    return r ? std::stoi(r->output) : -1;
+  };
+  EXPECT_TRUE(waitUntil([&] { return zombies() == 0; }, 3s)) << zombies() << " zombies";
+}
+
+}  // namespace
+}  // namespace sandbox
