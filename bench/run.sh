@@ -21,6 +21,11 @@ mount -t tmpfs tmpfs /var/lib
 mkdir /var/lib/dpkg
 mount --move /var/tmp/dpkg /var/lib/dpkg
 mount -o remount,bind,ro /var/lib/dpkg
+# Received files go to the agent's desktop folder, in tmpfs; no user's
+# desktop is there to get links.
+mount -t tmpfs tmpfs /root
+mkdir /root/Desktop
+mount -t tmpfs tmpfs /home
 ip link set lo up
 bench=./build-bench/bench/varlo_bench
 # Everything started in the background here, the 2,000 idle processes below
@@ -154,6 +159,36 @@ echo "agent first batch / snmpd fresh walk: p50 $(ratio "$apps_first" "$snmp_fre
 # The search goes on during the pauses, so this one is a lower bound.
 echo "agent whole answer less its 10 ms pauses (search overlapping them) / snmpd fresh walk: p50 $(ratio "$apps_work" "$snmp_fresh" p50_us)" \
   " mean $(ratio "$apps_work" "$snmp_fresh" mean_us)"
+
+# Transfers: the agent's Send File and Send Folder through varloctl against
+# a raw TCP copy of the same bytes into the same folder, on the same loopback.
+ms() { date +%s%N | cut -c1-13; }
+rate() { awk -v b="$1" -v ms="$2" 'BEGIN { printf "%.1f MB/s (%d ms)", b / 1048576 / (ms / 1000), ms }'; }
+echo "== Send File of 1 GiB: varloctl send, then nc into the same folder"
+head -c $((1 << 30)) /dev/zero > /var/tmp/big.bin
+t0=$(ms); ./build-bench/varloctl --timeout 60 127.0.0.1 send /var/tmp/big.bin --folder desk >/dev/null; t1=$(ms)
+rm -f /root/Desktop/big.bin
+nc -l 127.0.0.1 5001 > /root/Desktop/raw.bin & listener=$!
+sleep 0.3
+t2=$(ms); nc -N 127.0.0.1 5001 < /var/tmp/big.bin; wait "$listener"; t3=$(ms)
+rm -f /root/Desktop/raw.bin /var/tmp/big.bin
+echo "agent: $(rate $((1 << 30)) $((t1 - t0)))  nc: $(rate $((1 << 30)) $((t3 - t2)))"
+echo "send file / raw copy rate ratio: $(awk -v a=$((t1 - t0)) -v b=$((t3 - t2)) 'BEGIN { printf "%.2f", b / a }')"
+
+echo "== Send Folder of 10,000 files of 1 KiB: varloctl send, then tar c | nc | tar x"
+mkdir -p /var/tmp/tree
+for d in $(seq 100); do
+  mkdir /var/tmp/tree/d$d
+  for f in $(seq 100); do head -c 1024 /dev/zero > /var/tmp/tree/d$d/f$f; done
+done
+t0=$(ms); ./build-bench/varloctl --timeout 60 127.0.0.1 send /var/tmp/tree --folder desk >/dev/null; t1=$(ms)
+mkdir /root/Desktop/tarcopy
+(nc -l 127.0.0.1 5002 | tar x -C /root/Desktop/tarcopy) & listener=$!
+sleep 0.3
+t2=$(ms); tar c -C /var/tmp tree | nc -N 127.0.0.1 5002; wait "$listener"; t3=$(ms)
+echo "agent: $((t1 - t0)) ms  tar|nc|tar: $((t3 - t2)) ms"
+echo "send folder / tar copy time ratio: $(awk -v a=$((t1 - t0)) -v b=$((t3 - t2)) 'BEGIN { printf "%.2f", a / b }')"
+rm -rf /var/tmp/tree /root/Desktop/tree /root/Desktop/tarcopy
 
 # The census walks "/", so it runs in a root holding the host's /usr and
 # nothing else on disk (tmpfs is no disk and is not counted): its answer is

@@ -18,7 +18,7 @@ if [ "${1:-}" = "bench" ]; then
   # Debian's snmpd package enables and, where an init system runs, starts its
   # own system service on the host's loopback; the benchmark runs a separate
   # snmpd of its own inside a private network namespace.
-  packages+=(snmpd)
+  packages+=(snmpd netcat-openbsd)
 fi
 
 missing=()
