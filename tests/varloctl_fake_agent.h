@@ -147,20 +147,21 @@ struct Result {
   Bytes extra;
 };
 
-// varloctl args; terminal: whether its standard error is one.
-inline Result ctl(const Words& args, bool terminal = false) {
+// varloctl args; terminal: whether its standard error is one; ask: how the
+// terminal answers a question (none: there is no terminal to ask on).
+inline Result ctl(const Words& args, bool terminal = false, const varloctl::App::Ask& ask = {}) {
   std::ostringstream out, err;
-  const int status = varloctl::App::run(args, std::nullopt, out, err, terminal);
+  const int status = varloctl::App::run(args, std::nullopt, out, err, terminal, ask);
   return {status, out.str(), err.str(), "", {}};
 }
 
 // varloctl ... 127.0.0.1 words, against an agent that plays script.
 inline Result play(Script script, Words words, const std::string& timeout = "2",
-                   bool terminal = false) {
+                   bool terminal = false, const varloctl::App::Ask& ask = {}) {
   FakeAgent agent(std::move(script));
   words.insert(words.begin(),
                {"--port", std::to_string(agent.port()), "--timeout", timeout, "127.0.0.1"});
-  const Result r = ctl(words, terminal);
+  const Result r = ctl(words, terminal, ask);
   agent.join();
   return {r.status, r.out, r.err, agent.mismatch(), agent.extra()};
 }

@@ -5,6 +5,7 @@
 #include "varloctl/arg_parser.h"
 #include "varloctl/ctl_error.h"
 #include "varloctl/discovery.h"
+#include "varloctl/interrupt.h"
 #include "varloctl/json_writer.h"
 #include "varloctl/password_block.h"
 #include "varloctl/progress.h"
@@ -32,10 +33,22 @@ Value command(const Invocation& inv, Progress& progress) {
   return inv.command->run(session);
 }
 
+// Commands that act on the agent's machine go only when the user says so.
+void confirm(const Invocation& inv, const App::Ask& ask) {
+  const std::string question = inv.command->confirmation(inv.target);
+  if (question.empty()) return;
+  if (!ask) throw usageError(question.substr(0, question.find('?')) +
+                             ": no terminal to confirm on; give --yes to go ahead");
+  const auto answer = ask(question + " [y/N] ");
+  Interrupt::check();
+  if (!answer || (*answer != "y" && *answer != "Y" && *answer != "yes" && *answer != "YES"))
+    throw CtlError(kFailed, "not confirmed; nothing was sent");
+}
+
 }  // namespace
 
 int App::run(const std::vector<std::string>& args, const std::optional<std::string>& envPassword,
-             std::ostream& out, std::ostream& err, bool errIsTerminal) {
+             std::ostream& out, std::ostream& err, bool errIsTerminal, const Ask& ask) {
   try {
     const Invocation inv = ArgParser::parse(args, envPassword);
     Value result;
@@ -47,6 +60,7 @@ int App::run(const std::vector<std::string>& args, const std::optional<std::stri
         result = discover(inv);
         break;
       case Invocation::Mode::Command: {
+        confirm(inv, ask);
         // Gone from the terminal before the result or an error is printed.
         Progress progress(err, errIsTerminal && !inv.json);
         result = command(inv, progress);

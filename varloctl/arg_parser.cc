@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "varlo/probe.h"
 #include "varloctl/command_table.h"
@@ -44,11 +45,20 @@ const CommandSpec* findCommand(const std::vector<std::string>& rest, std::size_t
 
 std::string_view optionName(std::string_view option) { return option.substr(0, option.find(' ')); }
 
-// The commands whose own option is named name, e.g. "census and profiler".
+// The form of option name among the spec's, e.g. "--days N"; empty when it has none.
+std::string_view findOption(const CommandSpec& spec, std::string_view name) {
+  for (std::string_view o : spec.options)
+    if (optionName(o) == name) return o;
+  return {};
+}
+
+bool isFlag(std::string_view option) { return option.find(' ') == std::string_view::npos; }
+
+// The commands that take the option named name, e.g. "census and profiler".
 std::string commandsTaking(std::string_view name) {
   std::vector<std::string_view> names;
   for (const CommandSpec& spec : commandTable())
-    if (!spec.option.empty() && optionName(spec.option) == name) names.push_back(spec.name);
+    if (!findOption(spec, name).empty()) names.push_back(spec.name);
   std::string out;
   for (std::size_t i = 0; i < names.size(); ++i)
     out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + std::string(names[i]);
@@ -58,7 +68,7 @@ std::string commandsTaking(std::string_view name) {
 std::string form(const CommandSpec& spec) {
   std::string out(spec.name);
   if (!spec.arguments.empty()) out += " " + std::string(spec.arguments);
-  if (!spec.option.empty()) out += " [" + std::string(spec.option) + "]";
+  for (std::string_view o : spec.options) out += " [" + std::string(o) + "]";
   return out;
 }
 
@@ -78,8 +88,8 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
                             const std::optional<std::string>& envPassword) {
   Invocation inv;
   std::optional<std::string> password, timeout, port, broadcast;
-  // An option of some command's own, checked once the command is known.
-  std::optional<std::string> commandOption, commandOptionValue;
+  // Options of some command's own, by name, checked once the command is known.
+  std::vector<std::pair<std::string, std::string>> commandOptions;
   std::vector<std::string> positional;
   bool optionsDone = false;
 
@@ -110,8 +120,24 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
                                        : name == "--broadcast" ? &broadcast
                                                                : nullptr;
     if (slot == nullptr && !commandsTaking(name).empty()) {
-      commandOption = name;
-      slot = &commandOptionValue;
+      for (const auto& given : commandOptions)
+        if (given.first == name) throw usageError(name + " is given twice");
+      bool flag = false;
+      for (const CommandSpec& spec : commandTable())
+        if (const auto o = findOption(spec, name); !o.empty()) flag = isFlag(o);
+      if (flag) {
+        if (eq != std::string::npos) throw usageError(name + " takes no value");
+        commandOptions.emplace_back(name, "");
+        continue;
+      }
+      commandOptions.emplace_back(name, "");
+      if (eq != std::string::npos)
+        commandOptions.back().second = a.substr(eq + 1);
+      else if (i + 1 < args.size())
+        commandOptions.back().second = args[++i];
+      else
+        throw usageError(name + " needs a value");
+      continue;
     }
     if (slot == nullptr) throw usageError("unknown option '" + a + "'" + kSeeHelp);
     if (eq != std::string::npos)
@@ -130,8 +156,9 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
   if (positional.empty()) throw usageError(std::string("missing HOST and COMMAND") + kSeeHelp);
 
   if (positional[0] == "discover") {
-    if (commandOption)
-      throw usageError(*commandOption + " applies to " + commandsTaking(*commandOption) + " only");
+    if (!commandOptions.empty())
+      throw usageError(commandOptions.front().first + " applies to " +
+                       commandsTaking(commandOptions.front().first) + " only");
     inv.mode = Invocation::Mode::Discover;
     inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kDiscoverTimeoutMs;
     if (positional.size() > 2) throw usageError("discover takes at most one HOST");
@@ -158,17 +185,27 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
   std::vector<std::string> arguments(rest.begin() + static_cast<std::ptrdiff_t>(used), rest.end());
   if (arguments.size() != spec->argumentCount)
     throw usageError("usage: varloctl [OPTIONS] HOST " + form(*spec));
-  if (commandOption) {
-    if (spec->option.empty() || optionName(spec->option) != *commandOption)
-      throw usageError(*commandOption + " applies to " + commandsTaking(*commandOption) + " only");
-    arguments.push_back(*commandOption);
-    arguments.push_back(*commandOptionValue);
-  }
+  for (const auto& [name, value] : commandOptions)
+    if (findOption(*spec, name).empty())
+      throw usageError(name + " applies to " + commandsTaking(name) + " only");
+  for (std::string_view o : spec->options)
+    for (const auto& [name, value] : commandOptions)
+      if (name == optionName(o)) {
+        arguments.push_back(name);
+        arguments.push_back(value);
+      }
   inv.command = spec->make(arguments);
 
   inv.password = password ? *password : envPassword.value_or("");
   PasswordBlock::plain(inv.password);  // refuses one the agent could not receive
   return inv;
+}
+
+std::optional<std::string> optionValue(const std::vector<std::string>& arguments,
+                                       std::size_t count, std::string_view name) {
+  for (std::size_t i = count; i + 1 < arguments.size(); i += 2)
+    if (arguments[i] == name) return arguments[i + 1];
+  return std::nullopt;
 }
 
 std::string ArgParser::usage() {
@@ -194,6 +231,12 @@ std::string ArgParser::usage() {
   row("--json", "print one JSON document instead of a table");
   row("--days N", commandsTaking("--days") + ": only files changed in the last N days");
   row("", "(0 to 3650; 0, the default, counts every file)");
+  row("--folder CODE", commandsTaking("--folder") +
+                           ": the agent's folder, a four-character code (default XXXX)");
+  row("--launch", commandsTaking("--launch") + " of a file: start it once it has arrived");
+  row("--time ISO8601", commandsTaking("--time") +
+                            ": this time instead of now, e.g. 2024-05-01T13:30:00[+02:00]");
+  row("--yes", commandsTaking("--yes") + ": do not ask for confirmation");
   row("-h, --help", "show this text");
   s << "\nExit status:\n";
   row("0", "success", 3);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "varlo/records.h"
@@ -26,6 +27,12 @@ class Command {
   // Told before run(), for commands that take long to answer: where to show
   // how far they got. Outlives run().
   virtual void setProgress(Progress*) {}
+  // For commands that must not run by mistake: the question to ask before
+  // connecting, e.g. "reboot HOST?"; empty when there is none to ask.
+  virtual std::string confirmation(const std::string& /*host*/) const { return {}; }
+
+  // Text from the agent or the disk, safe to print: control characters escaped.
+  static std::string agentText(std::string_view text);
 
  protected:
   // The first reply of a command is where a rejected password shows: a
@@ -81,6 +88,12 @@ class Command {
   // Heartbeats come once a second: a week of them, for a census of a huge
   // file system, while a peer that sends nothing else is still stopped.
   static constexpr std::size_t kMaxHeartbeats = 7 * 24 * 3600;
+
+  // Throws a failure CtlError with `failure`, and the agent's reason when it
+  // gave one in the message field, when the success byte of a varlo_manage
+  // reply is 0.
+  static void requireManageSuccess(const varlo::varlo_manage::Bytes& r,
+                                   const std::string& failure);
 
   // Throws a failure CtlError with `failure` when the success byte is 0.
   template <std::size_t N>

@@ -55,6 +55,8 @@ class Session {
   const std::string& peerName() const { return peer_; }
   int fd() const { return fd_.get(); }
   int timeoutMs() const { return timeoutMs_; }
+  // For the replies that the agent gives only after a known delay.
+  void setTimeoutMs(int ms) { timeoutMs_ = ms; }
 
  private:
   using Clock = std::chrono::steady_clock;

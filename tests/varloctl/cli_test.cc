@@ -71,7 +71,7 @@ TEST(VarloctlArgs, WhatTheCommandLineComesTo) {
       {{"h", "bogus", "--help"}, "help :0 10000ms pw="},
       {{}, "error: missing HOST and COMMAND"},
       {{"h"}, "error: missing COMMAND after h"},
-      {{"h", "reboot"}, "error: unknown command 'reboot'"},
+      {{"h", "rebooot"}, "error: unknown command 'rebooot'"},
       {{"h", "notes"}, "error: 'notes' needs one of: get, set"},
       {{"h", "notes", "set", "1"}, "error: usage: varloctl [OPTIONS] HOST notes set INDEX TEXT"},
       {{"h", "notes", "set", "10", "x"}, "error: the note index must be a number from 0 to 9"},
