@@ -1,5 +1,8 @@
 #include "session/session.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -15,7 +18,13 @@
 using namespace varlo;
 
 Session::Session(int socket, unsigned workerId, CPrefs& prefs)
-    : socket_(socket), workerId_(workerId), prefs_(prefs) {}
+    : socket_(socket), workerId_(workerId), prefs_(prefs) {
+  // The dialogues go step by step, each small record awaited by the other
+  // side: held back for coalescing, two acknowledgements in a row would
+  // wait for the console's delayed ACK. (Not a TCP socket in tests: ignored.)
+  const int on = 1;
+  if (socket_.valid()) ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
 
 Session::~Session() = default;
 

@@ -265,3 +265,41 @@ TEST_F(ActionsTest, TheChildrenOfTheActionsAreReaped) {
 
 }  // namespace
 }  // namespace sandbox
+
+namespace sandbox {
+namespace {
+
+TEST_F(ActionsTest, ConsoleToolSendsATreeByteForByteWithDesktopLinks) {
+  // A few hundred files of assorted sizes in nested folders.
+  const std::string tree = box().hostPath("/data/tree");
+  std::size_t files = 0;
+  for (int d = 0; d < 12; ++d) {
+    const std::string dir = tree + "/d" + std::to_string(d) + (d % 3 == 0 ? "/inner" : "");
+    std::filesystem::create_directories(dir);
+    for (int f = 0; f < 25; ++f, ++files)
+      test_support::spit(dir + "/f" + std::to_string(f), std::string((f * 7919) % 70000, char('a' + f % 26)));
+  }
+  std::filesystem::create_directories(box().hostPath("/home/ann/Desktop"));
+  sh("mkdir -p /root/Desktop");
+  Process agent = startAgent();
+
+  const auto sent = ctl({"127.0.0.1", "send", "/data/tree", "--folder", "desk"});
+  ASSERT_EQ(sent.exitCode, 0) << sent.output;
+  std::size_t compared = 0;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(tree)) {
+    if (!e.is_regular_file()) continue;
+    const std::string rel = e.path().string().substr(tree.size());
+    EXPECT_EQ(readFile(box().hostPath("/root/Desktop/tree" + rel)), readFile(e.path())) << rel;
+    ++compared;
+  }
+  EXPECT_EQ(compared, files);
+  EXPECT_EQ(std::filesystem::read_symlink(box().hostPath("/home/ann/Desktop/tree.link")),
+            "/root/Desktop/tree");
+
+  const auto one = ctl({"127.0.0.1", "send", "/data/tree/d1/f3"});
+  ASSERT_EQ(one.exitCode, 0) << one.output;
+  EXPECT_EQ(readFile(box().hostPath("/f3")), readFile(tree + "/d1/f3"));
+}
+
+}  // namespace
+}  // namespace sandbox
