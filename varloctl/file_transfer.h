@@ -30,7 +30,9 @@ varlo::varlo_manage::Bytes nameRecord(const std::string& name, std::uint8_t byte
 
 class FileSender {
  public:
-  static constexpr std::size_t kChunk = 64 * 1024;
+  // Each chunk waits for the agent's acknowledgement: large ones keep the
+  // wire busy (a gigabyte is 256 round trips).
+  static constexpr std::size_t kChunk = 4 * 1024 * 1024;
   // Fills up to len bytes, 0 only at the end.
   using Reader = std::function<std::size_t(std::uint8_t* data, std::size_t len)>;
 

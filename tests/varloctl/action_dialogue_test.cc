@@ -12,6 +12,7 @@
 #include "test_support.h"
 #include "varloctl/clock_time.h"
 #include "varloctl/ctl_error.h"
+#include "varloctl/file_transfer.h"
 #include "varloctl/package_archive.h"
 #include "varloctl_fake_agent.h"
 
@@ -65,7 +66,8 @@ void fileSteps(Script& s, std::uint32_t size, const std::vector<std::string>& ch
 
 TEST(VarloctlSendDialogue, AFileGoesInAcknowledgedChunks) {
   TempDir dir;
-  std::string data(64 * 1024 + 10, '\0');
+  constexpr std::size_t kChunk = varloctl::FileSender::kChunk;
+  std::string data(kChunk + 10, '\0');
   for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 251);
   spit(dir / "data.bin", data);
   spit(dir / "empty", "");
@@ -77,9 +79,9 @@ TEST(VarloctlSendDialogue, AFileGoesInAcknowledgedChunks) {
   } cases[] = {
       {{"send", dir / "data.bin"},
        nameRecord("data.bin", 0, "XXXX"),
-       {data.substr(0, 65536), data.substr(65536)},
+       {data.substr(0, kChunk), data.substr(kChunk)},
        "name              data.bin\nfolder code       XXXX\nfiles             1\n"
-       "bytes             65546\nlaunch requested  no\n"},
+       "bytes             " + std::to_string(kChunk + 10) + "\nlaunch requested  no\n"},
       // An empty file is one empty last chunk.
       {{"send", "--launch", dir / "empty", "--folder=desk"},
        nameRecord("empty", 1, "desk"),
@@ -207,18 +209,19 @@ TEST(VarloctlSendDialogue, RefusalsStopTheTransferWithTheAgentsText) {
 
 TEST(VarloctlUpdateDialogue, ThePackageGoesAsTheUpdateArchive) {
   TempDir dir;
-  const std::string deb = "!<arch>\ndebian-binary   " + std::string(70000, 'p');
+  constexpr std::size_t kChunk = varloctl::FileSender::kChunk;
+  const std::string deb = "!<arch>\ndebian-binary   " + std::string(kChunk, 'p');
   spit(dir / "varlo_2.1_amd64.deb", deb);
   struct stat st {};
   ASSERT_EQ(::stat((dir / "varlo_2.1_amd64.deb").c_str(), &st), 0);
   const auto archive = varloctl::packageArchive("varlo_2.1_amd64.deb",
                                                 Bytes(deb.begin(), deb.end()), st.st_mtime);
-  ASSERT_GT(archive.size(), 65536u);
+  ASSERT_GT(archive.size(), kChunk);
   Script s = {A::expect(header(18, kEmpty) + nameRecord("Varlo.pkg.tar.gz", 0, "XXXY")),
               A::send(kAck)};
   fileSteps(s, std::uint32_t(archive.size()),
-            {std::string(archive.begin(), archive.begin() + 65536),
-             std::string(archive.begin() + 65536, archive.end())});
+            {std::string(archive.begin(), archive.begin() + kChunk),
+             std::string(archive.begin() + kChunk, archive.end())});
   const Result r = play(s, {"update", dir / "varlo_2.1_amd64.deb"});
   EXPECT_EQ(r.mismatch, "");
   EXPECT_EQ(r.status, 0) << r.err;
