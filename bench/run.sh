@@ -164,16 +164,30 @@ echo "agent whole answer less its 10 ms pauses (search overlapping them) / snmpd
 # a raw TCP copy of the same bytes into the same folder, on the same loopback.
 ms() { date +%s%N | cut -c1-13; }
 rate() { awk -v b="$1" -v ms="$2" 'BEGIN { printf "%.1f MB/s (%d ms)", b / 1048576 / (ms / 1000), ms }'; }
-echo "== Send File of 1 GiB: varloctl send, then nc into the same folder"
+echo "== Send File of 1 GiB: varloctl send, then nc into the same folder (median of 3 after one warm-up each)"
 head -c $((1 << 30)) /dev/zero > /var/tmp/big.bin
-t0=$(ms); ./build-bench/varloctl --timeout 60 127.0.0.1 send /var/tmp/big.bin --folder desk >/dev/null; t1=$(ms)
-rm -f /root/Desktop/big.bin
-nc -l 127.0.0.1 5001 > /root/Desktop/raw.bin & listener=$!
-sleep 0.3
-t2=$(ms); nc -N 127.0.0.1 5001 < /var/tmp/big.bin; wait "$listener"; t3=$(ms)
-rm -f /root/Desktop/raw.bin /var/tmp/big.bin
-echo "agent: $(rate $((1 << 30)) $((t1 - t0)))  nc: $(rate $((1 << 30)) $((t3 - t2)))"
-echo "send file / raw copy rate ratio: $(awk -v a=$((t1 - t0)) -v b=$((t3 - t2)) 'BEGIN { printf "%.2f", b / a }')"
+agent_send() {
+  local t0 t1
+  t0=$(ms); ./build-bench/varloctl --timeout 60 127.0.0.1 send /var/tmp/big.bin --folder desk >/dev/null; t1=$(ms)
+  rm -f /root/Desktop/big.bin
+  echo $((t1 - t0))
+}
+nc_send() {
+  local t0 t1 listener
+  nc -l 127.0.0.1 5001 > /root/Desktop/raw.bin & listener=$!
+  sleep 0.3
+  t0=$(ms); nc -N 127.0.0.1 5001 < /var/tmp/big.bin; wait "$listener"; t1=$(ms)
+  rm -f /root/Desktop/raw.bin
+  echo $((t1 - t0))
+}
+median() { printf '%s\n' "$@" | sort -n | sed -n 2p; }
+agent_send >/dev/null; nc_send >/dev/null
+a=(); n=()
+for _ in 1 2 3; do a+=("$(agent_send)"); n+=("$(nc_send)"); done
+agent_ms=$(median "${a[@]}"); nc_ms=$(median "${n[@]}")
+echo "agent: ${a[*]} ms, $(rate $((1 << 30)) "$agent_ms")  nc: ${n[*]} ms, $(rate $((1 << 30)) "$nc_ms")"
+echo "send file / raw copy rate ratio: $(awk -v a="$agent_ms" -v b="$nc_ms" 'BEGIN { printf "%.2f", b / a }')"
+rm -f /var/tmp/big.bin
 
 echo "== Send Folder of 10,000 files of 1 KiB: varloctl send, then tar c | nc | tar x"
 mkdir -p /var/tmp/tree

@@ -1,5 +1,7 @@
 #include "varloctl/file_transfer.h"
 
+#include <algorithm>
+
 #include <vector>
 
 #include "varloctl/command.h"
@@ -87,7 +89,10 @@ void FileSender::sendFile(const std::string& name, std::uint64_t size, const Rea
   acknowledged(what);
 
   // One chunk read ahead: the chunk before an empty read is the last one.
-  std::vector<std::uint8_t> chunk(kChunk), next(kChunk);
+  // Small files, a folder's usual fare, need no 4 MiB buffers.
+  const auto chunkSize = static_cast<std::size_t>(
+      std::min<std::uint64_t>(kChunk, std::max<std::uint64_t>(size, 1)));
+  std::vector<std::uint8_t> chunk(chunkSize), next(chunkSize);
   const auto fill = [&read](std::vector<std::uint8_t>& buf) {
     std::size_t n = 0;
     for (std::size_t got; n < buf.size() && (got = read(buf.data() + n, buf.size() - n)) > 0;)
