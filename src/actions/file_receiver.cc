@@ -87,18 +87,19 @@ bool FileReceiver::receiveFile(int dirfd, const std::string& folderPath, const s
   if (dataFlag != 0) {
     s.log("Receiving data fork");
     BufferedFile out(file.get());
-    bool kept = true;
-    const int r = s.receiveFileData([&](const char* d, std::size_t n) {
-      return kept = out.write(d, n);
-    });
-    if (r == 0 && !out.flush()) {
-      kept = false;
-      s.sendBadACK(kStanding);
-    }
-    if (!kept) {
-      // A full disk keeps no partial file.
+    // A full disk keeps no partial file: gone before the console hears of it.
+    const auto discard = [&] {
       file.reset();
       ::unlinkat(dirfd, name.c_str(), 0);
+    };
+    bool kept = true;
+    const int r = s.receiveFileData([&](const char* d, std::size_t n) {
+      if (!(kept = out.write(d, n))) discard();
+      return kept;
+    });
+    if (r == 0 && !out.flush()) {
+      discard();
+      s.sendBadACK(kStanding);
       return false;
     }
     if (r != 0) return false;

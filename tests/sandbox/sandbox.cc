@@ -238,7 +238,12 @@ Process Sandbox::spawn(const std::vector<std::string>& argv,
                                   "HOME=/root", "LANG=C"};
   for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"})
     if (const char* v = std::getenv(keep)) env.push_back(std::string(keep) + "=" + v);
-  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+  // An extra entry replaces one of the same name.
+  for (const std::string& extra : extraEnv) {
+    const std::string key = extra.substr(0, extra.find('=') + 1);
+    std::erase_if(env, [&](const std::string& e) { return e.rfind(key, 0) == 0; });
+    env.push_back(extra);
+  }
   std::vector<char*> args, envp;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
