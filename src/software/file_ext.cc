@@ -106,10 +106,17 @@ void CFileExt::addTally(const CensusWalk::Tally& tally) {
   if (tally.files == 0) return;
   auto it = table_.find(tally.ext);
   if (it == table_.end()) {
-    addExt(extdata{tally.ext, tally.sizeKb, 0});
-    it = table_.find(tally.ext);
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    it->second->count += static_cast<std::uint32_t>(tally.files - 1);
+    // Queued with its totals: a reader taking it at once sees final values,
+    // since the walk hands over each extension whole.
+    auto record = std::make_unique<extdata>(
+        extdata{tally.ext, tally.sizeKb, static_cast<std::uint32_t>(tally.files - 1)});
+    extdata* raw = record.get();
+    table_.emplace(tally.ext, std::move(record));
+    {
+      std::lock_guard<std::mutex> lock(queueMutex_);
+      queue_.push_back(raw);
+    }
+    semaphore_.semUp();
     return;
   }
   std::lock_guard<std::mutex> lock(queueMutex_);
