@@ -23,7 +23,7 @@ class CCtrlPanels {
 
   const std::map<std::string, std::string>& panels() const { return panels_; }
 
-  // $XDG_DATA_DIRS split on ':', or the specification's default.
+  // $XDG_DATA_DIRS split on ':', or XDG's default when it is unset.
   static std::vector<std::string> xdgDataDirs();
 
   // Desktop entries bigger than this are read only this far (and logged).
