@@ -1,9 +1,13 @@
 // Launch App and Send Message start real children in the name of a real
 // unprivileged user ("nobody"), through stand-ins that record what they got.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <utmpx.h>
+
+#include <poll.h>
+#include <termios.h>
 
 #include <cstring>
 
@@ -56,13 +60,15 @@ class UserActionTest : public ::testing::Test {
     console_ = test_support::ConsoleEnd(fds[1]);
   }
 
-  void logIn(const char* user) {
-    utmpx login{};
-    login.ut_type = USER_PROCESS;
-    std::strcpy(login.ut_line, "tty1");
-    std::strcpy(login.ut_user, user);
-    std::ofstream(dir_ / "utmp", std::ios::binary)
-        .write(reinterpret_cast<const char*>(&login), sizeof login);
+  void logIn(const char* user, const std::vector<std::string>& lines = {"tty1"}) {
+    std::ofstream out(dir_ / "utmp", std::ios::binary);
+    for (const std::string& line : lines) {
+      utmpx login{};
+      login.ut_type = USER_PROCESS;
+      std::strncpy(login.ut_line, line.c_str(), sizeof login.ut_line - 1);
+      std::strcpy(login.ut_user, user);
+      out.write(reinterpret_cast<const char*>(&login), sizeof login);
+    }
   }
 
   // Waits for the children the handler started, as the foreman does.
@@ -161,6 +167,47 @@ TEST_F(UserActionTest, SendMessageEchoesThenNotifiesAsTheConsoleUser) {
       EXPECT_TRUE(log_.contains("SendMessage: Failed to create CFString from message."));
     }
   }
+}
+
+// A pseudo-terminal in raw mode, so what the agent writes is read as it went.
+struct Terminal {
+  Terminal() : master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    char name[64] = "";
+    if (grantpt(master) != 0 || unlockpt(master) != 0 || ptsname_r(master, name, sizeof name) != 0) return;
+    line = std::string(name).substr(5);  // below /dev
+    termios raw{};
+    tcgetattr(master, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(master, TCSANOW, &raw);
+  }
+  ~Terminal() { close(master); }
+  std::string shown() {
+    std::string out;
+    char buf[512];
+    pollfd p{master, POLLIN, 0};
+    while (poll(&p, 1, 200) == 1) {
+      const ssize_t n = read(master, buf, sizeof buf);
+      if (n <= 0) break;
+      out.append(buf, static_cast<std::size_t>(n));
+    }
+    return out;
+  }
+  int master;
+  std::string line;
+};
+
+TEST_F(UserActionTest, SendMessageWithoutANotifierWritesOnlyToTheUsersOwnTerminals) {
+  Terminal own, foreign;
+  ASSERT_FALSE(own.line.empty());
+  ASSERT_EQ(chown(("/dev/" + own.line).c_str(), 65534, 65534), 0);
+  logIn("nobody", {"tty1", own.line, foreign.line, "../etc/passwd"});
+  auto request = varlo::varlo_manage::reply(20, false, false);
+  varlo::putPString<varlo::varlo_manage::Message>(request, "Disk nearly full");
+  ASSERT_TRUE(console_.send(request));
+  sendMessage(*session_, MessageSettings{dir_ / "no-bin", dir_ / "utmp", "/dev"});
+  EXPECT_EQ(console_.receive(varlo::varlo_manage::kSize).size(), varlo::varlo_manage::kSize);
+  EXPECT_EQ(own.shown(), "\r\nPathmere Notification\r\nDisk nearly full\r\n");
+  EXPECT_EQ(foreign.shown(), "") << "a terminal that is not the user's";
 }
 
 }  // namespace

@@ -178,12 +178,6 @@ TEST_F(ActionsTest, ThroughputStreamsTheWritablePartitionsOnly) {
   EXPECT_THAT(log(), HasSubstr(" Unable to create temp file on partition /usr"));
 }
 
-}  // namespace
-}  // namespace sandbox
-
-namespace sandbox {
-namespace {
-
 // The console's side of Send File up to the data: request, flags, fork header.
 bool startSendFile(ConsoleEnd& console, std::uint32_t folder, const std::string& name,
                    std::uint32_t length) {
@@ -241,12 +235,6 @@ TEST_F(ActionsTest, AFullDiskKeepsNoPartialFileAndShutdownEndsATransferAtOnce) {
   EXPECT_THAT(log(), HasSubstr("Shutdown completed"));
 }
 
-}  // namespace
-}  // namespace sandbox
-
-namespace sandbox {
-namespace {
-
 TEST_F(ActionsTest, TheChildrenOfTheActionsAreReaped) {
   logIn("nobody");
   Process agent = startAgent();
@@ -262,12 +250,6 @@ TEST_F(ActionsTest, TheChildrenOfTheActionsAreReaped) {
   };
   EXPECT_TRUE(waitUntil([&] { return zombies() == 0; }, 3s)) << zombies() << " zombies";
 }
-
-}  // namespace
-}  // namespace sandbox
-
-namespace sandbox {
-namespace {
 
 TEST_F(ActionsTest, ConsoleToolSendsATreeByteForByteWithDesktopLinks) {
   // A few hundred files of assorted sizes in nested folders.
@@ -299,6 +281,90 @@ TEST_F(ActionsTest, ConsoleToolSendsATreeByteForByteWithDesktopLinks) {
   const auto one = ctl({"127.0.0.1", "send", "/data/tree/d1/f3"});
   ASSERT_EQ(one.exitCode, 0) << one.output;
   EXPECT_EQ(readFile(box().hostPath("/f3")), readFile(tree + "/d1/f3"));
+
+  // The launch flag: the folder gains its owner's execute bit, the file is opened as the user.
+  logIn("nobody");
+  sh("chmod 0600 /root/Desktop");
+  const auto launched = ctl({"127.0.0.1", "send", "/data/tree/d1/f3", "--folder", "desk", "--launch"});
+  ASSERT_EQ(launched.exitCode, 0) << launched.output;
+  EXPECT_EQ(std::filesystem::status(box().hostPath("/root/Desktop")).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
+                std::filesystem::perms::owner_exec);
+  ASSERT_TRUE(waitUntil([&] { return recorded("xdg-open").size() == 1; }, 3s));
+  const auto opened = recorded("xdg-open")[0];
+  EXPECT_THAT(std::vector<std::string>(opened.begin(), opened.begin() + 3),
+              ElementsAre("/root/Desktop/f3", "--", "65534"));
+}
+
+TEST_F(ActionsTest, AnUpdateReachesTheInstallerAndPlantedLinksRedirectNoWrite) {
+  logIn("nobody");
+  // Links another user planted where the agent and its children write in /tmp.
+  sh("mkdir -p /data && echo precious > /data/precious && echo '1 /usr/bin/true' > /tmp/applist\n"
+     "for f in vlinstall.log vllaunchapp.log Varlo.pkg.tar.gz; do\n"
+     "  ln -s /data/precious /tmp/$f && chown -h nobody /tmp/$f\n"
+     "done");
+  test_support::spit(box().hostPath("/data/varlo_2.0_amd64.deb"), "not really a package");
+  Process agent = startAgent();
+
+  const auto refused = ctl({"127.0.0.1", "update", "/data/varlo_2.0_amd64.deb"});
+  EXPECT_NE(refused.exitCode, 0);
+  EXPECT_THAT(refused.output, HasSubstr("Could not create file /tmp/Varlo.pkg.tar.gz"));
+  {
+    Sandbox::NetworkScope net(box());
+    const Bytes launched = command(16, be32(1), varlo::varlo_manage::kSize);
+    EXPECT_EQ(test_support::prefixOf(launched), (Bytes{0, 0, 1, 1, 0}));
+  }
+  ASSERT_TRUE(waitUntil([&] { return recorded("xdg-open").size() == 1; }, 3s));
+
+  sh("rm /tmp/Varlo.pkg.tar.gz");
+  const auto updated = ctl({"127.0.0.1", "update", "/data/varlo_2.0_amd64.deb"});
+  ASSERT_EQ(updated.exitCode, 0) << updated.output;
+  ASSERT_TRUE(waitUntil([&] { return recorded("dpkg").size() == 1; }, 5s));
+  const auto installer = recorded("dpkg")[0];
+  EXPECT_THAT(std::vector<std::string>(installer.begin(), installer.begin() + 6),
+              ElementsAre("--install", "--recursive", "/tmp/Varlo.pkg", "--", "0", "0"));
+  EXPECT_EQ(readFile(box().hostPath("/tmp/Varlo.pkg/varlo_2.0_amd64.deb")), "not really a package");
+  EXPECT_EQ(readFile(box().hostPath("/data/precious")), "precious\n");
+  EXPECT_TRUE(std::filesystem::is_symlink(box().hostPath("/tmp/vlinstall.log")));
+}
+
+TEST_F(ActionsTest, ConsoleToolDrivesEachActionOfTheRealAgent) {
+  logIn("nobody");
+  test_support::spit(box().hostPath("/tmp/applist"), "1 /usr/bin/true\n");
+  Process starter = box().spawn({"/bin/sh", "-c", "sleep 60 & echo $! > /tmp/sleeper.pid"});
+  ASSERT_TRUE(waitUntil([&] { return readFile(box().hostPath("/tmp/sleeper.pid")).has_value(); }, 3s));
+  const std::string pid = std::to_string(std::stoul(*readFile(box().hostPath("/tmp/sleeper.pid"))));
+  Process agent = startAgent();
+  const struct {
+    std::vector<std::string> args;
+    std::string shows;
+  } cases[] = {
+      {{"reboot", "--yes"}, "rebooting  yes\n"},
+      {{"clock", "--time", "2024-03-01T12:00:00"}, "seconds since 1904  3792139200\n"},
+      {{"kill", pid}, "ended  yes\n"},
+      {{"message", "Back at five"}, "shown    yes\n"},
+      {{"launch", "1"}, "launched  yes\n"},
+      {{"throughput"}, "PARTITION  MICROSECONDS  MEGABYTES PER SECOND\n/  "},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> words = {"127.0.0.1"};
+    words.insert(words.end(), c.args.begin(), c.args.end());
+    const auto r = ctl(words);
+    EXPECT_EQ(r.exitCode, 0) << c.args[0] << ": " << r.output;
+    EXPECT_THAT(r.output, HasSubstr(c.shows)) << c.args[0];
+  }
+  ASSERT_TRUE(waitUntil([&] {
+    return recorded("shutdown").size() == 1 && recorded("notify-send").size() == 1 &&
+           recorded("xdg-open").size() == 1;
+  }, 3s));
+  EXPECT_EQ(recorded("shutdown")[0][0], "-r");
+  EXPECT_EQ(recorded("notify-send")[0][1], "Back at five");
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  EXPECT_EQ(readFile(box().hostPath("/tmp/clock-set")),
+            std::to_string(3792139200 - 2082844800 + std::labs(local.tm_gmtoff)) + "\n");
+  EXPECT_FALSE(std::filesystem::exists(box().hostPath("/proc/" + pid)));
 }
 
 }  // namespace
