@@ -43,7 +43,7 @@ TEST(AppleDouble, HeaderAndFinderInfoAsRfc1740LaysThemOut) {
 class TransferTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* d : {"root", "home/ann/Desktop", "home/Shared/Desktop", "pkg", "prefs"})
+    for (const char* d : {"root", "home/ann/Desktop", "home/Shared/Desktop", "prefs"})
       fs::create_directories(dir_ / d);
     PrefsSources sources;
     sources.localPrefsDir = dir_ / "prefs";
@@ -51,15 +51,6 @@ class TransferTest : public ::testing::Test {
     prefs_ = std::make_unique<CPrefs>(sources);
     prefs_->init();
     settings_.usersRoot = dir_ / "home";
-    settings_.packageFolder = dir_ / "pkg/";
-    // A stand-in dpkg that records its arguments; no real package tool.
-    fs::create_directories(dir_ / "bin");
-    test_support::spit(dir_ / "bin/dpkg", "#!/bin/sh\necho \"$@\" > " + (dir_ / "dpkg.args") + "\n");
-    chmod((dir_ / "bin/dpkg").c_str(), 0755);
-    settings_.install.searchPath = dir_ / "bin";
-    settings_.install.log = dir_ / "install.log";
-    settings_.install.workDir = dir_ / "pkg";
-    settings_.install.systemdMarker = dir_ / "no-systemd";
   }
 
   // Runs the handler against a console on the other end of a socket pair.
@@ -196,33 +187,8 @@ TEST_F(TransferTest, NamesAndLinksThatWouldLeaveTheFolderAreRefused) {
   EXPECT_EQ(fs::directory_iterator(dir_ / "elsewhere")->path().filename(), "victim");
 }
 
-TEST_F(TransferTest, SendFolderBuildsTheTreeAndAConsoleCanCallItOff) {
-  run(&sendFolder, [&] {
-    console_.send(request(kRoot, "top"));
-    EXPECT_EQ(ack(), "ok");
-    const auto item = [&](const std::string& name, std::uint8_t isFolder, std::uint8_t end) {
-      console_.send(request(0, name, true));
-      const std::uint8_t b[2] = {isFolder, end};
-      console_.send(b, 2);
-    };
-    item("a.txt", 0, 0);
-    EXPECT_EQ(ack(), "ok");
-    sendFileBody("alpha", "", false);
-    item("inner", 1, 0);
-    EXPECT_EQ(ack(), "ok");
-    item("b.bin", 0, 0);
-    EXPECT_EQ(ack(), "ok");
-    sendFileBody(std::string(9000, 'b'), "", false);
-    item("", 0, 1);  // end of inner
-    EXPECT_EQ(ack(), "ok");
-    item("", 0, 1);  // end of top
-    EXPECT_EQ(ack(), "ok");
-  });
-  EXPECT_EQ(test_support::slurp(dir_ / "root/top/a.txt"), "alpha");
-  EXPECT_EQ(test_support::slurp(dir_ / "root/top/inner/b.bin"), std::string(9000, 'b'));
-  EXPECT_FALSE(fs::exists(dir_ / "root/top/._a.txt")) << "no fork, no Finder info: no sidecar";
-
-  // Called off: an item record whose byte 2 is 0 ends it without a word.
+// An item record whose byte 2 is 0 ends the folder without a word.
+TEST_F(TransferTest, AConsoleCanCallOffAFolder) {
   run(&sendFolder, [&] {
     console_.send(request(kRoot, "later"));
     EXPECT_EQ(ack(), "ok");
@@ -231,25 +197,6 @@ TEST_F(TransferTest, SendFolderBuildsTheTreeAndAConsoleCanCallItOff) {
     console_.send(b, 2);
     EXPECT_TRUE(console_.receive(1, std::chrono::milliseconds(300)).empty()) << "no reply";
   });
-}
-
-TEST_F(TransferTest, TheAgentsPackageIsUnpackedAndHandedToTheInstaller) {
-  // A real archive holding Varlo.pkg/, made with tar.
-  fs::create_directories(dir_ / "src/Varlo.pkg");
-  test_support::spit(dir_ / "src/Varlo.pkg/varlo.deb", "deb");
-  ASSERT_EQ(std::system(("tar -czf '" + dir_ / "archive" + "' -C '" + dir_ / "src" + "' Varlo.pkg").c_str()), 0);
-  const std::string archive = test_support::slurp(dir_ / "archive").value_or("");
-  run(&sendFile, [&] {
-    console_.send(request(0x58585859, "Varlo.pkg.tar.gz"));
-    EXPECT_EQ(ack(), "ok");
-    sendFileBody(archive, "", false);
-  });
-  EXPECT_EQ(test_support::slurp(dir_ / "dpkg.args"),
-            "--install --recursive " + dir_ / "pkg/Varlo.pkg" + "\n");
-  EXPECT_EQ(test_support::slurp(dir_ / "pkg/Varlo.pkg/varlo.deb"), "deb");
-  EXPECT_EQ(test_support::slurp(dir_ / "install.log"),
-            "Package is located at: " + dir_ / "pkg/Varlo.pkg" + "\n");
-  EXPECT_TRUE(log_.contains("Receiving Varlo package."));
 }
 
 }  // namespace
