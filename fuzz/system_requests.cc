@@ -29,6 +29,7 @@
 
 #include "actions/quit_process_handler.h"
 #include "actions/sync_clock_handler.h"
+#include "console_drain.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
 #include "varlo/action_records.h"
@@ -49,16 +50,7 @@ CPrefs& prefs() {
   return *p;
 }
 
-Bytes readAll(int fd) {
-  Bytes out;
-  std::uint8_t buf[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return out;
-    out.insert(out.end(), buf, buf + n);
-  }
-}
+using fuzz_support::readAll;
 
 // Runs handler on a session whose console has sent `input` and closed its
 // sending side; the replies are small enough to wait in the socket.

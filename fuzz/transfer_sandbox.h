@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "actions/send_file_handler.h"
+#include "console_drain.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
 #include "varlo/records.h"
@@ -168,61 +169,7 @@ inline int openFds() {
   return n;
 }
 
-inline Bytes readAll(int fd) {
-  Bytes out;
-  std::uint8_t buf[8192];
-  for (;;) {
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return out;
-    out.insert(out.end(), buf, buf + n);
-  }
-}
-
-// The console's reading side: one thread for the whole run (a thread a run
-// costs more than the run), reading each connection to its end while the
-// handler writes, so that many acknowledgements never fill the socket.
-class Drain {
- public:
-  static Drain& instance() {
-    static Drain* drain = new Drain;  // its thread runs until exit
-    return *drain;
-  }
-  void start(int fd) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    fd_ = fd;
-    done_ = false;
-    wake_.notify_all();
-  }
-  Bytes wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    wake_.wait(lock, [this] { return done_; });
-    return std::move(out_);
-  }
-
- private:
-  Drain() { std::thread([this] { loop(); }).detach(); }
-  void loop() {
-    for (;;) {
-      int fd;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [this] { return fd_ >= 0; });
-        fd = std::exchange(fd_, -1);
-      }
-      Bytes out = readAll(fd);
-      std::lock_guard<std::mutex> lock(mutex_);
-      out_ = std::move(out);
-      done_ = true;
-      wake_.notify_all();
-    }
-  }
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  int fd_ = -1;
-  bool done_ = false;
-  Bytes out_;
-};
+using fuzz_support::ConsoleDrain;
 
 // Runs handler on a session whose console has already sent `input` and
 // closed its sending side, so every receive past the input ends at once.
@@ -242,14 +189,14 @@ Bytes converse(const Bytes& input, Handler handler) {
     done += static_cast<std::size_t>(n);
   }
   ::shutdown(fds[1], SHUT_WR);
-  Drain::instance().start(fds[1]);
+  ConsoleDrain::instance().start(fds[1]);
   std::vector<pid_t> children;
   {
     Session session(fds[0], 1, Sandbox::instance().prefs());
     handler(session);
     children = session.takeChildren();
   }  // the session's end closes, so the drain sees the end
-  Bytes out = Drain::instance().wait();
+  Bytes out = ConsoleDrain::instance().wait();
   ::close(fds[1]);
   for (const pid_t pid : children) {
     int status = 0;

@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "console_drain.h"
 #include "prefs/password_block.h"
 #include "prefs/prefs.h"
 #include "session/vlworker.h"
@@ -114,66 +115,7 @@ std::map<int, std::string> readBack(const std::map<int, std::string>& notes) {
   return out;
 }
 
-Bytes readAll(int fd) {
-  Bytes out;
-  std::uint8_t buf[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return out;
-    out.insert(out.end(), buf, buf + n);
-  }
-}
-
-// The console's reading side: one thread for the whole fuzzing run (a
-// thread a run costs more than the run), handed each connection in turn
-// and reading it to its end while the worker writes.
-class Drain {
- public:
-  static Drain& instance() {
-    // Never destroyed: its thread runs until the process exits.
-    static Drain* drain = new Drain;
-    return *drain;
-  }
-
-  void start(int fd) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    fd_ = fd;
-    done_ = false;
-    wake_.notify_all();
-  }
-
-  Bytes wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    wake_.wait(lock, [this] { return done_; });
-    return std::move(out_);
-  }
-
- private:
-  Drain() { std::thread([this] { loop(); }).detach(); }
-
-  void loop() {
-    for (;;) {
-      int fd;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [this] { return fd_ >= 0; });
-        fd = std::exchange(fd_, -1);
-      }
-      Bytes out = readAll(fd);
-      std::lock_guard<std::mutex> lock(mutex_);
-      out_ = std::move(out);
-      done_ = true;
-      wake_.notify_all();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  int fd_ = -1;
-  bool done_ = false;
-  Bytes out_;
-};
+using fuzz_support::ConsoleDrain;
 
 bool writeAll(int fd, const Bytes& data) {
   for (std::size_t done = 0; done < data.size();) {
@@ -326,7 +268,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!writeAll(console, sent)) std::abort();
   ::shutdown(console, SHUT_WR);
 
-  Drain::instance().start(console);
+  ConsoleDrain::instance().start(console);
   {
     VLWorker worker(&prefs);
     VLWorker::task task{fds[0], {}, {}};
@@ -334,7 +276,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     worker.run();
     if (!worker.finished()) __builtin_trap();
   }
-  const Bytes out = Drain::instance().wait();
+  const Bytes out = ConsoleDrain::instance().wait();
   ::close(console);
 
   if (wrongPassword) {

@@ -8,33 +8,16 @@
 #include <cerrno>
 #include <cstring>
 
+#include "actions/child_log.h"
 #include "actions/user_process.h"
 
 extern char** environ;
 
 namespace {
 
-void put(int fd, const char* text) {
-  if (fd < 0) return;
-  for (std::size_t len = std::strlen(text); len > 0;) {
-    const ssize_t n = ::write(fd, text, len);
-    if (n <= 0) return;
-    text += n;
-    len -= static_cast<std::size_t>(n);
-  }
-}
+using child_log::put;
+using child_log::putLine;
 
-void putNumber(int fd, long value) {
-  char digits[24];
-  char* p = digits + sizeof digits;
-  *--p = '\0';
-  const bool negative = value < 0;
-  unsigned long v = negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
-  do *--p = static_cast<char>('0' + v % 10);
-  while ((v /= 10) != 0);
-  if (negative) *--p = '-';
-  put(fd, p);
-}
 
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
@@ -99,27 +82,19 @@ pid_t replaceVL(const std::string& folder, const std::string& fileName,
     status = r < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   if (status < 0 || status == 127) {
-    put(log, "Failed to untar archive.  Error: ");
-    putNumber(log, status);
-    put(log, "\n");
+    putLine(log, "Failed to untar archive.  Error: ", status);
     ::_exit(0);
   }
   put(log, located.c_str());
   if (::setsid() < 0) {
-    put(log, "replaceVL: failed to get valid session id from system.  Error: ");
-    putNumber(log, errno);
-    put(log, "\n");
+    putLine(log, "replaceVL: failed to get valid session id from system.  Error: ", errno);
     ::_exit(255);
   }
   if (installer.empty()) {
-    put(log, "Unable to launch installer. Error: ");
-    putNumber(log, ENOENT);
-    put(log, "\n");
+    putLine(log, "Unable to launch installer. Error: ", ENOENT);
     ::_exit(0);
   }
   ::execve(installerArgs[0], installerArgs.data(), environ);
-  put(log, "Unable to launch installer. Error: ");
-  putNumber(log, errno);
-  put(log, "\n");
+  putLine(log, "Unable to launch installer. Error: ", errno);
   ::_exit(0);
 }

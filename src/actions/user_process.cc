@@ -9,34 +9,16 @@
 #include <cerrno>
 #include <cstring>
 
+#include "actions/child_log.h"
 #include "base/unique_fd.h"
 
 namespace {
 
+using child_log::put;
+using child_log::putLine;
+
 constexpr const char* kUserPath = "/usr/local/bin:/usr/bin:/bin";
 
-// Async-signal-safe pieces for the child.
-void put(int fd, const char* text) {
-  if (fd < 0) return;
-  for (std::size_t len = std::strlen(text); len > 0;) {
-    const ssize_t n = ::write(fd, text, len);
-    if (n <= 0) return;
-    text += n;
-    len -= static_cast<std::size_t>(n);
-  }
-}
-
-void putNumber(int fd, long value) {
-  char digits[24];
-  char* p = digits + sizeof digits;
-  *--p = '\0';
-  const bool negative = value < 0;
-  unsigned long v = negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
-  do *--p = static_cast<char>('0' + v % 10);
-  while ((v /= 10) != 0);
-  if (negative) *--p = '-';
-  put(fd, p);
-}
 
 }  // namespace
 
@@ -101,29 +83,21 @@ pid_t UserProcess::start(int* execError) const {
       put(log, "\n");
     }
     if (::setsid() < 0) {
-      put(log, "Launch App: failed to get valid session id from system.  Error: ");
-      putNumber(log, errno);
-      put(log, "\n");
+      putLine(log, "Launch App: failed to get valid session id from system.  Error: ", errno);
       ::_exit(255);
     }
     if (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(gid) != 0) {
-      put(log, "Failed to change group id to ");
-      putNumber(log, static_cast<long>(gid));
-      put(log, "\n");
+      putLine(log, "Failed to change group id to ", static_cast<long>(gid));
       ::_exit(255);
     }
     if (::setuid(uid) != 0) {
-      put(log, "Failed to change user id to ");
-      putNumber(log, static_cast<long>(uid));
-      put(log, "\n");
+      putLine(log, "Failed to change user id to ", static_cast<long>(uid));
       ::_exit(255);
     }
     ::execve(program.c_str(), args.data(), envp.data());
     const int error = errno;
     put(log, launchFailure.c_str());
-    put(log, " Error: ");
-    putNumber(log, error);
-    put(log, "\n");
+    putLine(log, " Error: ", error);
     if (report[1] >= 0) (void)!::write(report[1], &error, sizeof error);
     ::_exit(255);
   }
