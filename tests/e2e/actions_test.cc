@@ -301,5 +301,21 @@ TEST_F(ActionsTest, ConsoleToolDrivesEachActionThroughItsStandIn) {
   EXPECT_TRUE(waitUntil([&] { return zombies() == 0; }, 3s)) << zombies() << " zombies";
 }
 
+TEST_F(ActionsTest, WithLaunchingBlockedNothingIsStarted) {
+  logIn("nobody");
+  sh("mkdir -p /var/lib/VarloPrefs /data /root/Desktop && echo 'launchblock= 1' > /var/lib/VarloPrefs/.varlo\n"
+     "echo '1 /usr/bin/true' > /tmp/applist && echo data > /data/f && chmod 0600 /root/Desktop");
+  Process agent = startAgent();
+  const auto launched = ctl({"127.0.0.1", "launch", "1"});
+  EXPECT_EQ(launched.exitCode, 4) << launched.output;
+  const auto sent = ctl({"127.0.0.1", "send", "/data/f", "--folder", "desk", "--launch"});
+  EXPECT_EQ(sent.exitCode, 0) << sent.output;
+  EXPECT_EQ(readFile(box().hostPath("/root/Desktop/f")), "data\n");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(recorded("xdg-open").empty());
+  EXPECT_EQ(std::filesystem::status(box().hostPath("/root/Desktop")).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
 }  // namespace
 }  // namespace sandbox
