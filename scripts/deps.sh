@@ -2,7 +2,8 @@
 # Installs the Debian packages the build and the tests need, if any is missing
 # (clang and its libFuzzer runtime for the fuzz targets of fuzz/run.sh).
 # With the argument "bench", also the peers bench/run.sh measures the agent
-# against (net-snmp's snmpd).
+# against (net-snmp's snmpd). With "container", only what
+# tests/container/run.sh needs to build and boot a Debian root under systemd.
 set -euo pipefail
 
 packages=(
@@ -19,6 +20,9 @@ if [ "${1:-}" = "bench" ]; then
   # own system service on the host's loopback; the benchmark runs a separate
   # snmpd of its own inside a private network namespace.
   packages+=(snmpd netcat-openbsd)
+fi
+if [ "${1:-}" = "container" ]; then
+  packages=(mmdebstrap systemd-container zstd util-linux procps)
 fi
 
 missing=()

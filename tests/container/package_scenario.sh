@@ -1,0 +1,206 @@
+# The agent's Debian package in a booted box: install, inventory, password
+# across a restart, a refused truncated update, the agent's self-update to
+# the newer package, remove and purge. Sourced by run.sh after lib.sh;
+# package_scenario DEB NEWER_DEB VARLOCTL, VARLOCTL being the varloctl taken
+# out of DEB on this host.
+
+SCENARIO_PW=n3wpass          # the agent keeps at most 7 characters
+SCENARIO_DIR=/opt/harness    # readable by apt's sandbox user, owned by no package
+SCENARIO_CTL=$SCENARIO_DIR/varloctl
+
+# varloctl inside the box, against the box's own loopback.
+box_ctl() { in_box timeout 600 "$SCENARIO_CTL" "$@"; }
+box_ctl_pw() {
+  local pw=$1; shift
+  in_box env VARLO_PASSWORD="$pw" timeout 600 "$SCENARIO_CTL" "$@"
+}
+
+# The agent version of the probe reply from 127.0.0.1 ("" when none).
+box_agent_version() {
+  box_ctl --json discover 127.0.0.1 --timeout 2 2>/dev/null |
+    sed -n 's/.*"agent_version": *"\([^"]*\)".*/\1/p' | head -n 1
+}
+
+box_agent_is() { [ "$(box_agent_version)" = "$1" ]; }
+box_log_has_version() { in_box grep -qF "Varlo Version: $1" /var/log/Varlo.log; }
+box_pkg_version() { in_box dpkg-query -W -f='${Status} ${Version}' varlo; }
+
+# No dpkg runs and varlo VERSION is installed.
+box_dpkg_done() {
+  in_box sh -c '! pgrep -x dpkg >/dev/null' &&
+    [ "$(box_pkg_version)" = "install ok installed $1" ]
+}
+
+# The installer's log: /tmp/vlinstall.log as the agent sees /tmp (a private
+# /tmp of the service shows under the box's /tmp/systemd-private-*).
+box_install_log() {
+  in_box sh -c 'for f in /tmp/vlinstall.log /tmp/systemd-private-*-varlo.service-*/tmp/vlinstall.log; do
+                  [ -f "$f" ] && exec cat "$f"; done; exit 1'
+}
+box_forget_install_log() {
+  in_box sh -c 'rm -f /tmp/vlinstall.log /tmp/systemd-private-*-varlo.service-*/tmp/vlinstall.log'
+}
+
+# The installer has finished: its log is there, no dpkg runs and no
+# transient update unit is loaded; polled until that holds for 3 s in a row.
+box_update_settled() {
+  local limit=$1 start calm=0
+  start=$SECONDS
+  while ((SECONDS - start < limit)); do
+    if box_install_log >/dev/null 2>&1 &&
+       in_box sh -c '! pgrep -x dpkg >/dev/null' &&
+       [ -z "$(in_box systemctl list-units --all --no-legend --plain 'varlo-update-*' 2>/dev/null)" ]; then
+      calm=$((calm + 1))
+      ((calm >= 6)) && return 0
+    else
+      calm=0
+    fi
+    sleep 0.5
+  done
+  return 1
+}
+
+box_update_diagnostics() {
+  {
+    echo "--- /tmp/vlinstall.log"
+    box_install_log || echo "(none)"
+    echo "--- journal of the update units"
+    in_box journalctl --no-pager -o cat -u 'varlo-update-*' || true
+    echo "--- systemctl status varlo"
+    in_box systemctl status --no-pager varlo || true
+    echo "--- tail of /var/log/Varlo.log"
+    in_box tail -n 20 /var/log/Varlo.log || true
+    echo "---"
+  } >&2
+}
+
+box_apt_install() {
+  local name=$1 out rc=0
+  out=$(in_box sh -c "cd $SCENARIO_DIR && apt-get install -y ./$name" 2>&1) || rc=$?
+  if [ "$rc" != 0 ]; then
+    printf '%s\n' "$out" | tail -n 30 >&2
+    if printf '%s' "$out" | grep -qiE 'unmet dependencies|Depends:'; then
+      echo "(the box is offline: a dependency must be in the root; add it to BOX_INCLUDE" \
+        "in tests/container/lib.sh, or try VARLO_BOX_INCLUDE=PACKAGE,...)" >&2
+    fi
+    box_fail "apt install ./$name (exit $rc)"
+  fi
+  echo "ok: apt install ./$name"
+}
+
+# dpkg status, audit and service: the same after the install and the update.
+box_package_sound() {
+  local version=$1
+  check_eq "dpkg-query: varlo is installed" "install ok installed" box_pkg_status varlo
+  check_eq "dpkg-query: varlo $version" "install ok installed $version" box_pkg_version
+  check_silent "dpkg --audit reports nothing" in_box dpkg --audit
+  wait_until "varlo.service is active" 30 in_box systemctl is-active varlo || exit 1
+  check_eq "varlo.service is enabled" enabled in_box systemctl is-enabled varlo
+}
+
+package_scenario() {
+  local deb=$1 newer=$2 ctl=$3
+  local old_ver new_ver old_agent new_agent name
+  for name in "$deb" "$newer"; do
+    [ "$(dpkg-deb -f "$name" Package)" = varlo ] || box_fail "$name is not the varlo package"
+  done
+  old_ver=$(dpkg-deb -f "$deb" Version)
+  new_ver=$(dpkg-deb -f "$newer" Version)
+  # The agent reports X.Y.Z, the upstream part of the package's version.
+  old_agent=${old_ver#*:}; old_agent=${old_agent%%[-+~]*}
+  new_agent=${new_ver#*:}; new_agent=${new_agent%%[-+~]*}
+  [ "$old_agent" != "$new_agent" ] ||
+    box_fail "both packages carry agent version $old_agent: the update could not be told apart"
+  dpkg --compare-versions "$new_ver" gt "$old_ver" ||
+    box_fail "$newer ($new_ver) is not newer than $deb ($old_ver)"
+
+  local debname newname truncname=varlo_truncated.deb size
+  debname=$(basename "$deb")
+  newname=$(basename "$newer")
+  size=$(stat -c %s "$newer")
+  head -c $((size / 2)) "$newer" >"$BOX_WORK/$truncname"
+
+  build_or_reuse_root
+  boot
+  copy_in "$deb" "$SCENARIO_DIR/$debname"
+  copy_in "$newer" "$SCENARIO_DIR/$newname"
+  copy_in "$BOX_WORK/$truncname" "$SCENARIO_DIR/$truncname"
+  copy_in "$ctl" "$SCENARIO_CTL"
+  in_box chmod 0755 "$SCENARIO_CTL"
+  echo "ok: copied both packages, a truncated copy of the newer one and varloctl into the box"
+
+  # --- install
+  box_apt_install "$debname"
+  box_package_sound "$old_ver"
+  wait_until "varloctl discover 127.0.0.1 answers" 30 box_ctl discover 127.0.0.1 || exit 1
+  check "the probe reply says agent version $old_agent" box_agent_is "$old_agent"
+  check "/var/log/Varlo.log says Varlo Version: $old_agent" box_log_has_version "$old_agent"
+
+  # --- every inventory command
+  local help cmd
+  help=$(box_ctl --help 2>&1) || true
+  for cmd in config processes volumes disks scsi pci network ipaddrs apps controls \
+             extensions fonts services census profiler "notes get"; do
+    printf '%s\n' "$help" | grep -qE "^ *$cmd( |$)" ||
+      box_fail "varloctl --help does not list \"$cmd\""
+    # shellcheck disable=SC2086  # "notes get" is two words
+    check "varloctl 127.0.0.1 $cmd" box_ctl 127.0.0.1 $cmd
+  done
+
+  # --- the password survives a restart; the old one is refused
+  check "varloctl 127.0.0.1 password $SCENARIO_PW" box_ctl 127.0.0.1 password "$SCENARIO_PW"
+  check "the new password opens a session" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
+  check "systemctl restart varlo" in_box systemctl restart varlo
+  wait_until "varlo answers again after the restart" 30 box_ctl discover 127.0.0.1 || exit 1
+  check "the new password still opens a session after the restart" \
+    box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
+  check_exit "the old (empty) password is refused with status 3" 3 box_ctl 127.0.0.1 config
+
+  # --- a truncated package leaves the running agent as it was
+  local main_pid
+  main_pid=$(box_main_pid varlo)
+  box_forget_install_log
+  check "varloctl update with a truncated package is sent" \
+    box_ctl --password "$SCENARIO_PW" 127.0.0.1 update "$SCENARIO_DIR/$truncname"
+  box_update_settled 60 || { box_update_diagnostics; box_fail "the installer of the truncated package did not finish within 60 s"; }
+  echo "ok: the installer of the truncated package has finished"
+  check "the same agent still answers with version $old_agent" box_agent_is "$old_agent"
+  check_eq "the agent's process is the same ($main_pid)" "$main_pid" box_main_pid varlo
+  check_eq "dpkg-query: varlo $old_ver still installed" "install ok installed $old_ver" box_pkg_version
+  check_silent "dpkg --audit reports nothing" in_box dpkg --audit
+  local why
+  why=$(box_install_log 2>/dev/null) || true
+  if ! printf '%s' "$why" | grep -qiE 'error|fail|corrupt|unexpected end|truncat'; then
+    box_update_diagnostics
+    box_fail "/tmp/vlinstall.log does not say why the truncated package was not installed"
+  fi
+  echo "ok: /tmp/vlinstall.log says why: $(printf '%s' "$why" | grep -iE -m1 'error|fail|corrupt|unexpected end|truncat')"
+
+  # --- the agent updates itself to the newer package
+  box_forget_install_log
+  check "varloctl update $newname is sent" \
+    box_ctl --password "$SCENARIO_PW" 127.0.0.1 update "$SCENARIO_DIR/$newname"
+  if ! wait_until "the probe reply says agent version $new_agent" 60 box_agent_is "$new_agent" ||
+     ! wait_until "/var/log/Varlo.log says Varlo Version: $new_agent" 10 box_log_has_version "$new_agent" ||
+     ! wait_until "dpkg has finished installing $new_ver" 60 box_dpkg_done "$new_ver"; then
+    box_update_diagnostics
+    exit 1
+  fi
+  box_package_sound "$new_ver"
+  check "the password is kept across the update" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
+  check_exit "the empty password is still refused with status 3" 3 box_ctl 127.0.0.1 config
+
+  # --- remove keeps the preferences, purge takes them
+  check "apt remove varlo" in_box apt-get remove -y varlo
+  check "no varlo process is left" in_box sh -c '! pgrep -x varlo'
+  check "varlo.service is no longer active" in_box sh -c '! systemctl -q is-active varlo'
+  check "port 4347 is closed (TCP and UDP)" box_port_closed 4347
+  check "/var/lib/VarloPrefs is kept after the removal" in_box test -d /var/lib/VarloPrefs
+  check_silent "dpkg --audit reports nothing after the removal" in_box dpkg --audit
+  check "apt purge varlo" in_box apt-get purge -y varlo
+  check "dpkg knows nothing more of varlo" box_pkg_gone varlo
+  check "the purge removed /var/lib/VarloPrefs" in_box sh -c '! test -e /var/lib/VarloPrefs'
+
+  power_off 30 || box_fail "the box did not power off in order within 30 s"
+  echo "ok: the box powered off in order"
+}
