@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test plainly, then under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then the thread core under
-# ThreadSanitizer, then each fuzz target briefly. Any failure or sanitizer
+# Installs what is missing, builds, and runs every test plainly, then the
+# container self-check (tests/container/run.sh), then under AddressSanitizer
+# and UndefinedBehaviorSanitizer, then the thread core under ThreadSanitizer,
+# then each fuzz target briefly. Any failure or sanitizer
 # report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,6 +13,10 @@ jobs=$(nproc)
 echo "== plain build"
 ./scripts/build.sh build
 ctest --test-dir build --output-on-failure -j "$jobs"
+
+echo "== container self-check: a throwaway Debian root booted with systemd"
+# Prints "SKIP: reason" and goes on where a box cannot run here.
+tests/container/run.sh --self-check
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 ./scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DVARLO_SANITIZE=ON
