@@ -135,6 +135,7 @@ package_scenario() {
   wait_until "varloctl discover 127.0.0.1 answers" 30 box_ctl discover 127.0.0.1 || exit 1
   check "the probe reply says agent version $old_agent" box_agent_is "$old_agent"
   check "/var/log/Varlo.log says Varlo Version: $old_agent" box_log_has_version "$old_agent"
+  check "port 4347 is open" box_port_open 4347
 
   # --- every inventory command
   local help cmd

@@ -57,7 +57,7 @@ EOF
     "deb http://two-b.example/debian bookworm-updates main" \
     "deb http://sec.example/debian-security bookworm-security main")
   check_eq "the host's archive entries for bookworm are read from sources.list and .sources files" \
-    "$want" env BOX_APT_ETC="$etc" BOX_SUITE=bookworm bash -c '. "$1"; box_host_sources' _ "$BOX_LIB"
+    "$want" env BOX_APT_ETC="$etc" VARLO_BOX_SUITE=bookworm bash -c '. "$1"; box_host_sources' _ "$BOX_LIB"
 }
 
 self_check_build_package() {
