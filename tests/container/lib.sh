@@ -26,7 +26,7 @@ if [ -n "${VARLO_BOX_INCLUDE:-}" ]; then
 fi
 # Bumped whenever the hooks below change what a cached root holds.
 BOX_FORMAT=1
-BOX_CACHE_DIR="${XDG_CACHE_HOME:-$HOME/.cache}/varlo/container"
+BOX_CACHE_DIR="${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/varlo/container"
 BOX_HOSTNAME=varlo-box
 BOX_PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 BOX_APT_ETC=${BOX_APT_ETC:-/etc/apt}   # where the host's apt sources are read from

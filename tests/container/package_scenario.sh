@@ -106,7 +106,7 @@ package_scenario() {
   done
   old_ver=$(dpkg-deb -f "$deb" Version)
   new_ver=$(dpkg-deb -f "$newer" Version)
-  # The agent reports X.Y.Z, the upstream part of the package's version.
+  # The agent reports X.Y.Z: the package's version less epoch and revision.
   old_agent=${old_ver#*:}; old_agent=${old_agent%%[-+~]*}
   new_agent=${new_ver#*:}; new_agent=${new_agent%%[-+~]*}
   [ "$old_agent" != "$new_agent" ] ||
@@ -173,6 +173,10 @@ package_scenario() {
   why=$(box_install_log 2>/dev/null) || true
   if ! printf '%s' "$why" | grep -qiE 'error|fail|corrupt|unexpected end|truncat'; then
     box_update_diagnostics
+    if in_box journalctl --no-pager -o cat -u 'varlo-update-*' 2>/dev/null | grep -qi error; then
+      box_fail "/tmp/vlinstall.log does not say why the truncated package was not installed" \
+        "(dpkg's reason went to the journal of the update unit only)"
+    fi
     box_fail "/tmp/vlinstall.log does not say why the truncated package was not installed"
   fi
   echo "ok: /tmp/vlinstall.log says why: $(printf '%s' "$why" | grep -iE -m1 'error|fail|corrupt|unexpected end|truncat')"

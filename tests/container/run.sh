@@ -58,7 +58,8 @@ box_workdir
 if [ "$mode" != self-check ]; then
   # varloctl comes out of the package under test, not out of this tree.
   mkdir -p "$BOX_WORK/ctl"
-  dpkg-deb --fsys-tarfile "$deb" | tar -x -C "$BOX_WORK/ctl" ./usr/bin/varloctl ||
+  dpkg-deb --fsys-tarfile "$deb" |
+    tar -x -C "$BOX_WORK/ctl" --wildcards '*usr/bin/varloctl' ||
     box_fail "$deb holds no /usr/bin/varloctl"
   package_scenario "$deb" "$newer" "$BOX_WORK/ctl/usr/bin/varloctl"
 else
