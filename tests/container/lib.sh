@@ -36,6 +36,7 @@ BOX_ROOT=""          # the tmpfs the root is extracted onto
 BOX_TARBALL=""
 BOX_NSPAWN_PID=""
 BOX_INIT_PID=""
+BOX_LAST_INIT_PID=""
 BOX_CGROUPS=()       # the cgroups this run made, one per hierarchy
 BOX_CLEANED=0
 
@@ -378,6 +379,12 @@ power_off() {
     for pid in "${left[@]}"; do kill -KILL "$pid" 2>/dev/null || true; done
     sleep 0.1
   done
+  # A killed init lingers until the host's init has reaped it.
+  for ((i = 0; i < 50; i++)); do
+    [ -n "$BOX_INIT_PID" ] && [ -e "/proc/$BOX_INIT_PID" ] || break
+    sleep 0.1
+  done
+  BOX_LAST_INIT_PID=$BOX_INIT_PID
   BOX_INIT_PID=""
   return $rc
 }
@@ -422,6 +429,7 @@ box_check_clean() {
   [ -n "$BOX_WORK" ] && [ -e "$BOX_WORK" ] && problems+=("the folder $BOX_WORK")
   for cg in "${BOX_CGROUPS[@]}"; do [ -e "$cg" ] && problems+=("the cgroup $cg"); done
   [ -n "$BOX_NSPAWN_PID" ] && [ -e "/proc/$BOX_NSPAWN_PID" ] && problems+=("systemd-nspawn $BOX_NSPAWN_PID")
+  [ -n "$BOX_LAST_INIT_PID" ] && [ -e "/proc/$BOX_LAST_INIT_PID" ] && problems+=("the box's init $BOX_LAST_INIT_PID")
   [ ${#problems[@]} -eq 0 ] || box_fail "left behind after cleanup: ${problems[*]}"
   box_say "cleaned up: no mount, cgroup, process or folder left"
 }
