@@ -5,11 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <cstring>
 
 #include "actions/child_log.h"
 #include "actions/user_process.h"
+#include "base/unique_fd.h"
 
 extern char** environ;
 
@@ -29,7 +30,8 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
 }  // namespace
 
 std::vector<std::string> installerCommand(const std::string& packagePath,
-                                          const InstallSettings& settings) {
+                                          const InstallSettings& settings,
+                                          const std::string& outputLog) {
   std::vector<std::string> command;
   if (const std::string dpkg = UserProcess::findProgram("dpkg", settings.searchPath); !dpkg.empty()) {
     command = {dpkg, "--install", "--recursive", packagePath};
@@ -45,8 +47,15 @@ std::vector<std::string> installerCommand(const std::string& packagePath,
   const std::string systemdRun = UserProcess::findProgram("systemd-run", settings.searchPath);
   if (::stat(settings.systemdMarker.c_str(), &st) == 0 && !systemdRun.empty()) {
     // Its own unit: outside the agent's service, whose restart it survives.
-    std::vector<std::string> unit = {systemdRun, "--unit=varlo-update-" + std::to_string(::getpid()),
-                                     "--collect", "--quiet", "--no-block"};
+    static std::atomic<unsigned> updates{0};
+    std::vector<std::string> unit = {
+        systemdRun,
+        "--unit=varlo-update-" + std::to_string(::getpid()) + "-" + std::to_string(++updates),
+        "--collect", "--quiet", "--no-block"};
+    if (!outputLog.empty()) {
+      unit.push_back("--property=StandardOutput=append:" + outputLog);
+      unit.push_back("--property=StandardError=append:" + outputLog);
+    }
     command.insert(command.begin(), unit.begin(), unit.end());
   }
   return command;
@@ -57,7 +66,15 @@ pid_t replaceVL(const std::string& folder, const std::string& fileName,
   // Everything the child needs, made before the fork.
   std::vector<std::string> untar = {settings.shell, "-c", "tar -xzf " + folder + fileName};
   const std::string packagePath = (folder + "Varlo.pkg").substr(0, 200);
-  std::vector<std::string> installer = installerCommand(packagePath, settings);
+  // Opened here, before the fork, so that the unit the installer may become
+  // appends to the very file the agent created: a regular file of root's in
+  // a folder whose sticky bit keeps others from swapping it for a link.
+  UniqueFd log(::open(settings.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+  struct stat logStat {};
+  const bool logIsRoots = log.valid() && ::fstat(log.get(), &logStat) == 0 &&
+                          S_ISREG(logStat.st_mode) && logStat.st_uid == 0;
+  std::vector<std::string> installer =
+      installerCommand(packagePath, settings, logIsRoots ? settings.log : std::string());
   const std::string located = "Package is located at: " + packagePath + "\n";
   std::vector<char*> untarArgs = pointers(untar);
   std::vector<char*> installerArgs = pointers(installer);
@@ -65,7 +82,12 @@ pid_t replaceVL(const std::string& folder, const std::string& fileName,
   const pid_t pid = ::fork();
   if (pid != 0) return pid;
 
-  const int log = ::open(settings.log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  // What tar and the installer print goes to the log too (stdin stays).
+  const int logFd = log.get();
+  if (logFd >= 0) {
+    ::dup2(logFd, STDOUT_FILENO);
+    ::dup2(logFd, STDERR_FILENO);
+  }
   if (::chdir(settings.workDir.c_str()) != 0) {
     // Unpacked into the folder the archive is in regardless: paths are whole.
   }
@@ -82,19 +104,19 @@ pid_t replaceVL(const std::string& folder, const std::string& fileName,
     status = r < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   if (status < 0 || status == 127) {
-    putLine(log, "Failed to untar archive.  Error: ", status);
+    putLine(logFd, "Failed to untar archive.  Error: ", status);
     ::_exit(0);
   }
-  put(log, located.c_str());
+  put(logFd, located.c_str());
   if (::setsid() < 0) {
-    putLine(log, "replaceVL: failed to get valid session id from system.  Error: ", errno);
+    putLine(logFd, "replaceVL: failed to get valid session id from system.  Error: ", errno);
     ::_exit(255);
   }
   if (installer.empty()) {
-    putLine(log, "Unable to launch installer. Error: ", ENOENT);
+    putLine(logFd, "Unable to launch installer. Error: ", ENOENT);
     ::_exit(0);
   }
   ::execve(installerArgs[0], installerArgs.data(), environ);
-  putLine(log, "Unable to launch installer. Error: ", errno);
+  putLine(logFd, "Unable to launch installer. Error: ", errno);
   ::_exit(0);
 }

@@ -21,9 +21,12 @@ struct InstallSettings {
 };
 
 // The installer's command line for the unpacked package folder; empty when
-// neither dpkg nor rpm is on the search path.
+// neither dpkg nor rpm is on the search path. As a transient unit, its output
+// is appended to outputLog when one is given (the child's own output goes to
+// the log through its descriptors).
 std::vector<std::string> installerCommand(const std::string& packagePath,
-                                          const InstallSettings& settings);
+                                          const InstallSettings& settings,
+                                          const std::string& outputLog = {});
 
 // Starts the child and returns its pid (or -1); the worker does not wait.
 pid_t replaceVL(const std::string& folder, const std::string& fileName,
