@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test plainly, then under
+# Installs what is missing, builds, and runs every test plainly, checks the
+# Debian package (tests/package/check.sh), then runs every test under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the thread core under
 # ThreadSanitizer, then each fuzz target briefly. Any failure or sanitizer
 # report fails the run.
@@ -12,6 +13,9 @@ jobs=$(nproc)
 echo "== plain build"
 ./scripts/build.sh build
 ctest --test-dir build --output-on-failure -j "$jobs"
+
+echo "== Debian package: built (or reused) and checked, lintian included"
+./tests/package/check.sh
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 ./scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DVARLO_SANITIZE=ON
