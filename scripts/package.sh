@@ -93,8 +93,8 @@ else
     exit 1
   }
   echo "$fingerprint" > "$stamp"
+  echo "package.sh: built $deb"
 fi
-echo "package.sh: built $deb"
 
 if [ "$lintian" = 1 ]; then
   changes=$out/varlo_${version}_${arch}.changes
