@@ -2,8 +2,11 @@
 # Installs the Debian packages the build and the tests need, if any is missing
 # (clang and its libFuzzer runtime for the fuzz targets of fuzz/run.sh).
 # With the argument "bench", also the peers bench/run.sh measures the agent
-# against (net-snmp's snmpd). With "container", only what
-# tests/container/run.sh needs to build and boot a Debian root under systemd.
+# against (net-snmp's snmpd); with "package", what scripts/package.sh needs to
+# build the .deb and check it (debhelper, lintian, and the build dependencies
+# debian/control names, which the list above already holds).
+# With "container", only what tests/container/run.sh needs to build and boot
+# a Debian root under systemd.
 set -euo pipefail
 
 packages=(
@@ -20,6 +23,13 @@ if [ "${1:-}" = "bench" ]; then
   # own system service on the host's loopback; the benchmark runs a separate
   # snmpd of its own inside a private network namespace.
   packages+=(snmpd netcat-openbsd)
+fi
+if [ "${1:-}" = "package" ]; then
+  # man-db and groff-base let lintian check the man pages; the package's
+  # check (tests/package/check.sh) runs the completion with bash-completion
+  # and the packaged agent with iproute2 and python3.
+  packages+=(build-essential debhelper dpkg-dev fakeroot lintian man-db groff-base
+             bash-completion iproute2 python3)
 fi
 if [ "${1:-}" = "container" ]; then
   packages=(mmdebstrap systemd-container zstd util-linux procps)

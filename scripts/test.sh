@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test plainly, then the
-# container self-check (tests/container/run.sh), then under AddressSanitizer
-# and UndefinedBehaviorSanitizer, then the thread core under ThreadSanitizer,
-# then each fuzz target briefly. Any failure or sanitizer
+# Installs what is missing, builds, and runs every test plainly, checks the
+# Debian package (tests/package/check.sh) and takes it through install,
+# update, remove and purge in a booted Debian root (tests/container/run.sh),
+# then runs every test under AddressSanitizer and UndefinedBehaviorSanitizer,
+# then the thread core under
+# ThreadSanitizer, then each fuzz target briefly. Any failure or sanitizer
 # report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,9 +16,23 @@ echo "== plain build"
 ./scripts/build.sh build
 ctest --test-dir build --output-on-failure -j "$jobs"
 
-echo "== container self-check: a throwaway Debian root booted with systemd"
-# Prints "SKIP: reason" and goes on where a box cannot run here.
-tests/container/run.sh --self-check
+echo "== Debian package: built (or reused) and checked, lintian included"
+./tests/package/check.sh
+
+echo "== container test: the package installed, updated to a newer build, removed and purged"
+# A newer build of the same code: the next version up. Where no package
+# could be built here, the harness checks itself with a package of its own;
+# where no box can run, it prints "SKIP: reason" and goes on.
+version=$(sed -n 's/^project(varlo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+IFS=. read -r major minor patch <<<"$version"
+if [ "$patch" -lt 15 ]; then newer=$major.$minor.$((patch + 1)); else newer=$major.$((minor + 1)).0; fi
+arch=$(dpkg --print-architecture)
+if [ -f "build-pkg/varlo_${version}_$arch.deb" ]; then
+  ./scripts/package.sh --reuse --no-lintian --version "$newer"
+  tests/container/run.sh "build-pkg/varlo_${version}_$arch.deb" "build-pkg/varlo_${newer}_$arch.deb"
+else
+  tests/container/run.sh --self-check
+fi
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 ./scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DVARLO_SANITIZE=ON

@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <sstream>
 
-#include "actions/user_process.h"
 #include "base/unique_fd.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
@@ -61,18 +61,31 @@ std::optional<std::string> findListedApp(const std::string& listText, unsigned l
   return std::nullopt;
 }
 
-pid_t launchApplication(std::string path, const std::string& user, uid_t uid, gid_t gid,
-                        const LaunchSettings& settings) {
+std::optional<UserProcess> launchProcess(std::string path, const std::string& user, uid_t uid,
+                                         gid_t gid, const LaunchSettings& settings) {
   // Never as root: an unknown user or root at the console launches nothing.
   auto child = UserProcess::forUser(user, uid, gid, true);
-  if (!child) return -1;
+  if (!child) return std::nullopt;
   if (!path.empty() && path[0] == ' ') path.erase(0, 1);
   child->program = UserProcess::findProgram("xdg-open", settings.searchPath);
   child->argv = {"xdg-open", path};
   child->logPath = settings.childLog;
   child->logLines = {"Launching application \"xdg-open\" with arg: " + path};
   child->launchFailure = "Unable to launch application " + path;
-  return child->start();
+  struct stat st {};
+  if (::stat(settings.systemdMarker.c_str(), &st) != 0) return child;
+  const std::string systemdRun = UserProcess::findProgram("systemd-run", settings.searchPath);
+  if (systemdRun.empty() || child->program.empty()) return child;
+  static std::atomic<unsigned> launches{0};
+  const std::string unit =
+      "varlo-launch-" + std::to_string(::getpid()) + "-" + std::to_string(++launches);
+  return child->throughManager(systemdRun, unit);
+}
+
+pid_t launchApplication(std::string path, const std::string& user, uid_t uid, gid_t gid,
+                        const LaunchSettings& settings) {
+  const auto child = launchProcess(std::move(path), user, uid, gid, settings);
+  return child ? child->start() : -1;
 }
 
 void launchApp(Session& session, std::uint32_t index, const LaunchSettings& settings) {

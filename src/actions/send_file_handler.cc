@@ -73,9 +73,12 @@ void sendFile(Session& session, const TransferSettings& settings) {
   }
   CPrefs& prefs = session.prefs();
   if (!launch || prefs.launchBlocked()) return;
-  // The folder, not the file, gains the owner's execute bit.
+  // The folder, not the file, gains the owner's execute bit. A folder that
+  // has it is left alone: rewriting a set-group-id folder's mode is refused
+  // in the agent's service (RestrictSUIDSGID).
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || ::chmod(path.c_str(), st.st_mode | S_IXUSR) != 0) {
+  if (::stat(path.c_str(), &st) != 0 ||
+      ((st.st_mode & S_IXUSR) == 0 && ::chmod(path.c_str(), st.st_mode | S_IXUSR) != 0)) {
     session.log("Unable to set executable bit on file " + path + " Error: " + std::to_string(errno));
     return;
   }

@@ -18,7 +18,7 @@ using child_log::put;
 using child_log::putLine;
 
 constexpr const char* kUserPath = "/usr/local/bin:/usr/bin:/bin";
-
+constexpr const char* kManagerPath = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 }  // namespace
 
@@ -64,6 +64,23 @@ std::string UserProcess::findProgram(const std::string& name, const std::string&
   return {};
 }
 
+UserProcess UserProcess::throughManager(const std::string& systemdRun, const std::string& unit) const {
+  UserProcess p = *this;
+  p.program = systemdRun;
+  p.argv = {"systemd-run", "--unit=" + unit, "--collect", "--quiet", "--no-block",
+            "--uid=" + std::to_string(uid), "--gid=" + std::to_string(gid),
+            // xdg-open hands the file to an application and exits: the unit
+            // lasts as long as anything it started.
+            "--property=ExitType=cgroup"};
+  for (const auto& e : env) p.argv.push_back("--setenv=" + e);
+  p.argv.push_back("--");
+  p.argv.push_back(program);
+  if (!argv.empty()) p.argv.insert(p.argv.end(), argv.begin() + 1, argv.end());
+  p.env = {std::string("PATH=") + kManagerPath};
+  p.viaManager = true;
+  return p;
+}
+
 pid_t UserProcess::start(int* execError) const {
   std::vector<char*> args, envp;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -86,11 +103,12 @@ pid_t UserProcess::start(int* execError) const {
       putLine(log, "Launch App: failed to get valid session id from system.  Error: ", errno);
       ::_exit(255);
     }
-    if (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(gid) != 0) {
+    if (!viaManager &&
+        (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(gid) != 0)) {
       putLine(log, "Failed to change group id to ", static_cast<long>(gid));
       ::_exit(255);
     }
-    if (::setuid(uid) != 0) {
+    if (!viaManager && ::setuid(uid) != 0) {
       putLine(log, "Failed to change user id to ", static_cast<long>(uid));
       ::_exit(255);
     }

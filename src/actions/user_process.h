@@ -21,6 +21,9 @@ struct UserProcess {
   std::string logPath;
   std::vector<std::string> logLines;
   std::string launchFailure;  // written when exec fails, then " Error: N"
+  // The child stays root and execs the service manager's client, which
+  // gives the program the user's ids itself (see throughManager).
+  bool viaManager = false;
 
   // The user's groups and home from the password database, and the
   // environment a desktop program of theirs expects; nullopt for an
@@ -30,6 +33,12 @@ struct UserProcess {
 
   // The program's path found on PATH; empty when it is nowhere.
   static std::string findProgram(const std::string& name, const std::string& path);
+
+  // This program started by the service manager as a transient unit of its
+  // own (systemd-run as root, the user's ids and environment as the unit's):
+  // outside the agent's service, so neither the service's sandbox nor its
+  // restart reaches what the user runs.
+  UserProcess throughManager(const std::string& systemdRun, const std::string& unit) const;
 
   // Forks and execs; the child's pid, or -1. With execError, waits only
   // until the exec has happened and says whether it failed (its errno).

@@ -4,6 +4,7 @@
 #include <linux/close_range.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -51,7 +52,11 @@ int runCore(LoginListener* listener) {
     if (core.init() != 0) {
       status = -1;
     } else {
+      // The sockets are bound: a Type=notify service counts as started only
+      // now. Without NOTIFY_SOCKET this does nothing.
+      sd_notify(0, "READY=1");
       while (!gbQuit) RunLoop::run(listener);
+      sd_notify(0, "STOPPING=1");
       status = 0;
     }
   }

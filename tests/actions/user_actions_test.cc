@@ -5,12 +5,16 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <termios.h>
+#include <sys/wait.h>
 #include <utmpx.h>
+
+#include <algorithm>
 
 #include <cstring>
 
 #include "actions/launch_app_handler.h"
 #include "actions/send_message_handler.h"
+#include "actions/user_process.h"
 #include "console_end.h"
 #include "prefs/prefs.h"
 #include "session/session.h"
@@ -99,6 +103,97 @@ TEST_F(UserActionTest, LaunchAppRefusals) {
   launchApp(*session_, 1, settings);
   EXPECT_EQ(replyText(), "refused:The application could not be launched") << "never as root";
   EXPECT_FALSE(test_support::slurp(record_ + "/xdg-open").has_value());
+}
+
+// Where systemd runs, Launch App leaves the agent's service: systemd-run
+// starts xdg-open as a unit of its own, in the user's name.
+TEST(LaunchApp, ThroughTheServiceManagerOnlyWhereSystemdRunsAndSystemdRunIsThere) {
+  test_support::TempDir dir;
+  mkdir((dir / "marker").c_str(), 0755);
+  const auto tools = [&](const std::string& folder, std::initializer_list<const char*> names) {
+    mkdir((dir / folder).c_str(), 0755);
+    for (const char* name : names) {
+      test_support::spit(dir / (folder + "/" + name), "#!/bin/sh\n");
+      chmod((dir / (folder + "/" + name)).c_str(), 0755);
+    }
+  };
+  tools("bin", {"xdg-open", "systemd-run"});
+  tools("openonly", {"xdg-open"});
+  tools("runonly", {"systemd-run"});
+
+  struct Case {
+    const char* what;
+    std::string marker, path;
+    bool viaManager;
+  };
+  const Case cases[] = {
+      {"systemd running, both tools", dir / "marker", dir / "bin", true},
+      {"no systemd", dir / "no-marker", dir / "bin", false},
+      {"no systemd-run", dir / "marker", dir / "openonly", false},
+      {"no xdg-open: the direct path logs the failed exec", dir / "marker", dir / "runonly", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    LaunchSettings settings;
+    settings.searchPath = c.path;
+    settings.systemdMarker = c.marker;
+    const auto p = launchProcess(" /srv/a file", "nobody", 65534, 65534, settings);
+    ASSERT_TRUE(p.has_value());
+    EXPECT_EQ(p->viaManager, c.viaManager);
+    if (!c.viaManager) {
+      EXPECT_EQ(p->argv, (std::vector<std::string>{"xdg-open", "/srv/a file"}));
+      EXPECT_EQ(p->uid, 65534u);
+      continue;
+    }
+    EXPECT_EQ(p->program, dir / "bin/systemd-run");
+    const auto& a = p->argv;
+    const auto has = [&](const std::string& w) { return std::find(a.begin(), a.end(), w) != a.end(); };
+    EXPECT_TRUE(has("--uid=65534") && has("--gid=65534")) << "the unit's ids, not the child's";
+    EXPECT_TRUE(has("--setenv=DISPLAY=:0") && has("--setenv=XDG_RUNTIME_DIR=/run/user/65534"));
+    EXPECT_TRUE(has("--property=ExitType=cgroup")) << "the unit outlives xdg-open's exit";
+    const auto dashes = std::find(a.begin(), a.end(), "--");
+    ASSERT_NE(dashes, a.end());
+    EXPECT_EQ(std::vector<std::string>(dashes + 1, a.end()),
+              (std::vector<std::string>{dir / "bin/xdg-open", "/srv/a file"}));
+    EXPECT_EQ(p->env, (std::vector<std::string>{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}));
+    EXPECT_EQ(a[1].rfind("--unit=varlo-launch-" + std::to_string(getpid()) + "-", 0), 0u) << a[1];
+    const auto again = launchProcess("/srv/b", "nobody", 65534, 65534, settings);
+    EXPECT_NE(again->argv[1], a[1]) << "each launch is a unit of its own";
+  }
+  LaunchSettings settings;
+  settings.searchPath = dir / "bin";
+  settings.systemdMarker = dir / "marker";
+  EXPECT_FALSE(launchProcess("/srv/a", "root", 0, 0, settings).has_value()) << "never as root";
+}
+
+// The manager's client runs as root (only the service manager may start a
+// unit in another user's name); the user's ids travel as its arguments.
+TEST(UserProcess, TheManagersClientKeepsRootTheDirectChildDoesNot) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act in another user's name";
+  test_support::TempDir dir;
+  chmod(dir.path.c_str(), 0777);
+  const std::string recorder = dir / "record.sh";
+  test_support::spit(recorder, "#!/bin/sh\nid -u > \"$0.$(id -u)\"\necho \"$@\" >> \"$0.$(id -u)\"\n");
+  chmod(recorder.c_str(), 0755);
+  auto user = UserProcess::forUser("nobody", 65534, 65534, false);
+  ASSERT_TRUE(user.has_value());
+  user->program = recorder;
+  user->argv = {"record.sh", "hello"};
+  for (const UserProcess& p : {*user, user->throughManager(recorder, "varlo-launch-test")}) {
+    int execError = -1;
+    const pid_t pid = p.start(&execError);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(execError, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  EXPECT_EQ(test_support::slurp(recorder + ".65534"), "65534\nhello\n");
+  const auto asRoot = test_support::slurp(recorder + ".0");
+  ASSERT_TRUE(asRoot.has_value());
+  EXPECT_EQ(asRoot->substr(0, 2), "0\n");
+  EXPECT_NE(asRoot->find("--uid=65534 --gid=65534"), std::string::npos) << *asRoot;
+  EXPECT_NE(asRoot->find("-- " + recorder + " hello\n"), std::string::npos) << *asRoot;
 }
 
 // A pseudo-terminal in raw mode, so what the agent writes is read as it went.
