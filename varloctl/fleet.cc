@@ -118,7 +118,7 @@ std::vector<Fleet::Outcome> Fleet::run(const std::vector<HostList::Host>& hosts,
   std::unique_lock lock(mu);
   while (running > 0) {
     changed.wait_for(lock, std::chrono::milliseconds(100));
-    if (!report) continue;
+    if (!report || running == 0) continue;
     const std::size_t d = done, f = failed;
     lock.unlock();
     report(d, f);

@@ -32,10 +32,18 @@ Value FleetReport::table() const {
   }
 
   if (anyOk && !records && !lists) {
-    Value blocks = Value::object();
+    // A block a host, the host as a value so that it shows as given.
+    Value blocks = Value::array();
     for (std::size_t i = 0; i < hosts_.size(); ++i) {
       const Fleet::Outcome& o = outcomes_[i];
-      blocks[hosts_[i].name] = o.status == kOk ? o.result : Value{{"error", o.error}};
+      Value block = {{"host", hosts_[i].name}};
+      if (o.status != kOk)
+        block["error"] = o.error;
+      else if (o.result.is_object())
+        block.update(o.result);
+      else
+        block["answer"] = o.result;
+      blocks.push_back(std::move(block));
     }
     return blocks;
   }

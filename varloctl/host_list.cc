@@ -2,13 +2,14 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <unordered_set>
 
+#include "base/unique_fd.h"
 #include "varloctl/ctl_error.h"
 #include "varloctl/numbers.h"
 #include "varloctl/table_writer.h"
@@ -33,20 +34,23 @@ bool plausibleHost(std::string_view s) {
 }
 
 std::string readHostFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-    throw usageError("cannot read the host file " + TableWriter::text(path) + ": " +
-                     std::strerror(errno));
+  const auto failed = [&path](int err) {
+    return usageError("cannot read the host file " + TableWriter::text(path) + ": " +
+                      std::strerror(err));
+  };
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) throw failed(errno);
   std::string text;
-  text.resize(HostList::kMaxFileBytes + 1);
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in.bad())
-    throw usageError("cannot read the host file " + TableWriter::text(path) + ": " +
-                     std::strerror(errno));
-  text.resize(static_cast<std::size_t>(in.gcount()));
-  if (text.size() > HostList::kMaxFileBytes)
-    throw usageError("the host file " + TableWriter::text(path) + " is larger than 16 MiB");
-  return text;
+  char buf[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw failed(errno);
+    if (n == 0) return text;
+    text.append(buf, static_cast<std::size_t>(n));
+    if (text.size() > HostList::kMaxFileBytes)
+      throw usageError("the host file " + TableWriter::text(path) + " is larger than 16 MiB");
+  }
 }
 
 }  // namespace
