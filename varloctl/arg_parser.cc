@@ -121,15 +121,11 @@ std::string seeHelpOf(const CLI::App* command) {
   return " (see varloctl " + HelpFormatter::commandName(command) + " --help)";
 }
 
-// Words the parser found no place for: an option of another command, an
-// unknown option or command, or one argument too many.
+// Words the parser found no place for: an unknown option or command, or
+// one argument too many.
 [[noreturn]] void leftOver(const std::string& word, const CLI::App* command) {
-  const std::string name = word.substr(0, word.find('='));
-  if (word.starts_with("-")) {
-    if (const std::string takers = commandsTaking(name); !takers.empty())
-      throw usageError(name + " applies to " + takers + " only");
+  if (word.starts_with("-"))
     throw usageError("unknown option '" + TableWriter::text(word) + "'" + kSeeHelp);
-  }
   if (command == nullptr)
     throw usageError("unknown command '" + TableWriter::text(word) + "'" + kSeeHelp);
   throw usageError("unexpected argument '" + TableWriter::text(word) + "' after " +
@@ -170,7 +166,9 @@ Invocation ArgParser::parse(const std::vector<std::string>& args,
 
   CLI::App* discover =
       app.add_subcommand("discover", "list the agents answering a probe sent to HOST or broadcast");
-  discover->footer(kCommandFooter);
+  discover->footer(
+      "The options of varloctl --help (--timeout, --port, --broadcast, --json) go\n"
+      "before discover or after it.");
   discover->group("Commands");
   CLI::Option* discoverHost =
       discover->add_option("HOST", "the one host to probe (default: broadcast)")->type_name("");
