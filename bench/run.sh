@@ -90,7 +90,8 @@ fleet_bench() {
   snmp_loop() {
     local h p failed=0 gets=()
     for h in "${snmp_hosts[@]}"; do
-      MIBS="" snmpget -v2c -c public -Oqv "$h" 1.3.6.1.2.1.1.5.0 >/dev/null &
+      SNMP_PERSISTENT_DIR="$fleet_dir/client" MIBS="" \
+        snmpget -v2c -c public -Oqv "$h" 1.3.6.1.2.1.1.5.0 >/dev/null &
       gets+=($!)
     done
     for p in "${gets[@]}"; do wait "$p" || failed=1; done
