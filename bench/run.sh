@@ -43,6 +43,7 @@ fleet_bench() {
   local n=20 i here there hosts=() snmp_hosts=() pids=()
   local fleet_dir
   fleet_dir=$(mktemp -d -p /var/tmp fleet.XXXXXX)
+  mkdir -p "$fleet_dir/client/cert_indexes"
   printf 'rocommunity public default\ndontLogTCPWrappersConnects yes\n' >"$fleet_dir/snmpd.conf"
   for i in $(seq 0 $((n - 1))); do
     for kind in a s; do
