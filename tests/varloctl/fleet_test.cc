@@ -152,7 +152,9 @@ TEST(VarloctlFleet, NeverMoreSessionsAtOnceThanParallel) {
     // 127.0.0.1 has no agent on the port; the 13 others answer.
     EXPECT_EQ(r.status, 6);
     EXPECT_EQ(lines(r.out), 15u);
-    EXPECT_EQ(fleet.gauge().peak, parallel);
+    EXPECT_LE(fleet.gauge().peak, parallel);
+    // And they do run side by side (a worker starting late may miss one).
+    EXPECT_GE(fleet.gauge().peak, parallel == 1 ? 1 : parallel - 1);
     // 14 holds, at most `parallel` at a time.
     EXPECT_GE(took, std::chrono::milliseconds(150 * ((13 + parallel - 1) / parallel)));
   }
