@@ -2,13 +2,13 @@
 # Network benchmark: the agent against a trivial echo peer and against
 # net-snmp's snmpd on loopback, in a private network and mount namespace so
 # that nothing of the host is touched. Needs root (for the namespaces and the
-# agents' ports). Usage: bench/run.sh
+# agents' ports). Usage: bench/run.sh [fleet]   (fleet: only the fleet run)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "${1:-}" != "--inside" ]; then
   ./scripts/deps.sh bench
   ./scripts/build.sh build-bench -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF
-  exec unshare --mount --net --uts --pid --fork --mount-proc "$0" --inside
+  exec unshare --mount --net --uts --pid --fork --mount-proc "$0" --inside "${1:-all}"
 fi
 
 mount --make-rprivate /
@@ -31,6 +31,102 @@ bench=./build-bench/bench/varlo_bench
 # Everything started in the background here, the 2,000 idle processes below
 # included, is ended at exit; waiting for them instead would take minutes.
 trap 'kill -TERM $(jobs -p) 2>/dev/null; wait' EXIT
+
+# A fleet: 20 agents, each alone in a network namespace joined to this one
+# by a veth pair (192.0.2.2i here, .2i+1 there), since an agent listens on
+# every address of its namespace; 20 snmpd placed the same way in
+# 198.51.100.0/24. varloctl config to all 20 at once (--parallel 32), then
+# the same 20 sessions one after the other (--parallel 1), against a shell
+# loop of 20 snmpget of sysName.0 in parallel (numeric: Debian ships no
+# SNMPv2-MIB). Each the median of 5 after a warm-up.
+fleet_bench() {
+  local n=20 i here there hosts=() snmp_hosts=() pids=()
+  local fleet_dir
+  fleet_dir=$(mktemp -d -p /var/tmp fleet.XXXXXX)
+  mkdir -p "$fleet_dir/client/cert_indexes"
+  printf 'rocommunity public default\ndontLogTCPWrappersConnects yes\n' >"$fleet_dir/snmpd.conf"
+  for i in $(seq 0 $((n - 1))); do
+    for kind in a s; do
+      local net=192.0.2
+      [ "$kind" = s ] && net=198.51.100
+      here=$net.$((2 * i)); there=$net.$((2 * i + 1))
+      ip netns add "f$kind$i"
+      ip link add "v$kind$i" type veth peer name "w$kind$i"
+      ip link set "w$kind$i" netns "f$kind$i"
+      ip addr add "$here/31" dev "v$kind$i"
+      ip link set "v$kind$i" up
+      ip -n "f$kind$i" addr add "$there/31" dev "w$kind$i"
+      ip -n "f$kind$i" link set "w$kind$i" up
+      ip -n "f$kind$i" link set lo up
+      if [ "$kind" = a ]; then
+        # Its own pid file, log and preferences.
+        ip netns exec "fa$i" sh -c 'for d in /run /var/log /var/lib /var/tmp; do
+            mount -t tmpfs tmpfs "$d"; done; exec ./build-bench/varlo nodaemon' &
+        hosts+=("$there")
+      else
+        mkdir -p "$fleet_dir/s$i"
+        ip netns exec "fs$i" env SNMP_PERSISTENT_DIR="$fleet_dir/s$i" MIBS="" \
+          snmpd -f -C -c "$fleet_dir/snmpd.conf" -Lo "udp:$there:161" >>"$fleet_dir/s$i.log" 2>&1 &
+        snmp_hosts+=("$there")
+      fi
+      pids+=($!)
+    done
+  done
+  printf '%s\n' "${hosts[@]}" >"$fleet_dir/hosts"
+  for h in "${hosts[@]}"; do
+    for _ in $(seq 50); do $bench probe "$h" 4347 1 >/dev/null 2>&1 && break; sleep 0.1; done
+  done
+  for h in "${snmp_hosts[@]}"; do
+    for _ in $(seq 50); do $bench snmp-get "$h" 161 1 >/dev/null 2>&1 && break; sleep 0.1; done
+  done
+  now_us() { echo $(($(date +%s%N) / 1000)); }
+  # time_us CMD...: the command's wall time; it must succeed.
+  time_us() {
+    local t0 t1
+    t0=$(now_us)
+    "$@" >/dev/null || { echo "fleet run failed: $*" >&2; return 1; }
+    t1=$(now_us)
+    echo $((t1 - t0))
+  }
+  snmp_loop() {
+    local h p failed=0 gets=()
+    for h in "${snmp_hosts[@]}"; do
+      SNMP_PERSISTENT_DIR="$fleet_dir/client" MIBS="" \
+        snmpget -v2c -c public -Oqv "$h" 1.3.6.1.2.1.1.5.0 >/dev/null &
+      gets+=($!)
+    done
+    for p in "${gets[@]}"; do wait "$p" || failed=1; done
+    return $failed
+  }
+  median5() { printf '%s\n' "$@" | sort -n | sed -n 3p; }
+  local ctl=(./build-bench/varloctl --timeout 5)
+  local par=() seq=() snmp=()
+  time_us "${ctl[@]}" --parallel 32 "@$fleet_dir/hosts" config >/dev/null
+  time_us "${ctl[@]}" --parallel 1 "@$fleet_dir/hosts" config >/dev/null
+  time_us snmp_loop >/dev/null
+  for _ in 1 2 3 4 5; do
+    par+=("$(time_us "${ctl[@]}" --parallel 32 "@$fleet_dir/hosts" config)")
+    seq+=("$(time_us "${ctl[@]}" --parallel 1 "@$fleet_dir/hosts" config)")
+    snmp+=("$(time_us snmp_loop)")
+  done
+  local p s q
+  p=$(median5 "${par[@]}"); s=$(median5 "${seq[@]}"); q=$(median5 "${snmp[@]}")
+  echo "== Fleet of $n agents, each in its own network namespace: varloctl config"
+  echo "varloctl --parallel 32: ${par[*]} us (median $p)"
+  echo "varloctl --parallel 1:  ${seq[*]} us (median $s)"
+  echo "20 snmpget sysName.0 in parallel (shell loop): ${snmp[*]} us (median $q)"
+  echo "fleet parallel / one after the other: $(awk -v a="$p" -v b="$s" 'BEGIN { printf "%.2f", a / b }')" \
+    "  fleet parallel / snmpget loop: $(awk -v a="$p" -v b="$q" 'BEGIN { printf "%.2f", a / b }')"
+  kill -TERM "${pids[@]}" 2>/dev/null || true
+  wait "${pids[@]}" 2>/dev/null || true
+  for i in $(seq 0 $((n - 1))); do ip netns del "fa$i"; ip netns del "fs$i"; done
+  rm -rf "$fleet_dir"
+}
+if [ "${2:-all}" = fleet ]; then
+  fleet_bench
+  exit 0
+fi
+
 ./build-bench/varlo nodaemon &
 agent_pid=$!
 $bench echo-server 4348 &
@@ -233,3 +329,5 @@ echo "census less its 10 ms pauses / du -s ratio: p50 $(ratio "$census_work" "$c
   " mean $(ratio "$census_work" "$census_du" mean_us)"
 echo "census first batch (the walk done) / du -s ratio: p50 $(ratio "$census_first" "$census_du" p50_us)" \
   " mean $(ratio "$census_first" "$census_du" mean_us)"
+
+fleet_bench

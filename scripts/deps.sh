@@ -13,6 +13,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   libssl-dev libsystemd-dev libmnl-dev libpci-dev libfontconfig-dev fontconfig
   libgtest-dev libgmock-dev
+  libcli11-dev nlohmann-json3-dev
   libfuse3-dev fuse3
   util-linux procps
   dbus-daemon
@@ -22,7 +23,7 @@ if [ "${1:-}" = "bench" ]; then
   # Debian's snmpd package enables and, where an init system runs, starts its
   # own system service on the host's loopback; the benchmark runs a separate
   # snmpd of its own inside a private network namespace.
-  packages+=(snmpd netcat-openbsd)
+  packages+=(snmpd snmp netcat-openbsd)
 fi
 if [ "${1:-}" = "package" ]; then
   # man-db and groff-base let lintian check the man pages; the package's

@@ -30,7 +30,7 @@ Value ShutdownCommand::run(Session& session) {
         std::string("the agent did not ") + (reboot_ ? "reboot" : "shut down");
     throw CtlError(kFailed, reason.empty() ? failure : failure + ": " + agentText(reason));
   }
-  return Value::object().add(reboot_ ? "rebooting" : "shutting_down", Value::boolean(true));
+  return Value{{reboot_ ? "rebooting" : "shutting_down", true}};
 }
 
 std::unique_ptr<Command> ClockCommand::make(const std::vector<std::string>& arguments) {
@@ -47,9 +47,7 @@ Value ClockCommand::run(Session& session) {
   session.send(request);
   const auto r = receiveFirstReply<varlo_manage::kSize>(session);
   requireManageSuccess(r, "the agent did not set its clock");
-  return Value::object()
-      .add("clock_set_to", Value::string(clockSecondsText(seconds)))
-      .add("seconds_since_1904", Value::integer(seconds));
+  return Value{{"clock_set_to", clockSecondsText(seconds)}, {"seconds_since_1904", seconds}};
 }
 
 std::unique_ptr<Command> KillCommand::make(const std::vector<std::string>& arguments) {
@@ -66,7 +64,7 @@ Value KillCommand::run(Session& session) {
   session.setTimeoutMs(session.timeoutMs() + kAgentDelayMs);
   const auto r = receiveFirstReply<varlo_manage::kSize>(session);
   requireManageSuccess(r, "the agent did not end process " + std::to_string(pid_));
-  return Value::object().add("pid", Value::integer(pid_)).add("ended", Value::boolean(true));
+  return Value{{"pid", pid_}, {"ended", true}};
 }
 
 std::unique_ptr<Command> LaunchCommand::make(const std::vector<std::string>& arguments) {
@@ -89,9 +87,7 @@ Value LaunchCommand::run(Session& session) {
                             "applications is blocked there, or it refused the command");
   }
   requireManageSuccess(r, "the agent did not launch application " + std::to_string(index_));
-  return Value::object()
-      .add("index", Value::integer(index_))
-      .add("launched", Value::boolean(true));
+  return Value{{"index", index_}, {"launched", true}};
 }
 
 std::unique_ptr<Command> MessageCommand::make(const std::vector<std::string>& arguments) {
@@ -111,9 +107,8 @@ Value MessageCommand::run(Session& session) {
   const auto r = receiveFirstReply<varlo_manage::kSize>(session);
   requireManageSuccess(r, "the agent did not show the message");
   // The agent echoes the record it got.
-  return Value::object()
-      .add("message", Value::string(std::string(varlo::getPString<varlo_manage::Message>(r))))
-      .add("shown", Value::boolean(true));
+  return Value{{"message", std::string(varlo::getPString<varlo_manage::Message>(r))},
+               {"shown", true}};
 }
 
 }  // namespace varloctl

@@ -13,7 +13,7 @@
 
 namespace varloctl {
 
-class ShutdownCommand : public Command {
+class ShutdownCommand : public CommandOf<ShutdownCommand> {
  public:
   static constexpr std::uint16_t kHalt = 12;
   static constexpr std::uint16_t kReboot = 13;
@@ -29,7 +29,7 @@ class ShutdownCommand : public Command {
   bool reboot_, confirmed_;
 };
 
-class ClockCommand : public Command {
+class ClockCommand : public CommandOf<ClockCommand> {
  public:
   static constexpr std::uint16_t kCode = 14;
 
@@ -45,7 +45,7 @@ class ClockCommand : public Command {
   LocalOffset offset_;
 };
 
-class KillCommand : public Command {
+class KillCommand : public CommandOf<KillCommand> {
  public:
   static constexpr std::uint16_t kCode = 15;
   // The agent answers after 3 s when the process ends at once, else after 6 s.
@@ -60,7 +60,7 @@ class KillCommand : public Command {
   std::uint32_t pid_;
 };
 
-class LaunchCommand : public Command {
+class LaunchCommand : public CommandOf<LaunchCommand> {
  public:
   static constexpr std::uint16_t kCode = 16;
 
@@ -73,7 +73,7 @@ class LaunchCommand : public Command {
   std::uint32_t index_;
 };
 
-class MessageCommand : public Command {
+class MessageCommand : public CommandOf<MessageCommand> {
  public:
   static constexpr std::uint16_t kCode = 20;
   static constexpr std::size_t kMaxText = 255;

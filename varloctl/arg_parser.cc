@@ -1,254 +1,297 @@
 #include "varloctl/arg_parser.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <sstream>
-#include <string_view>
-#include <utility>
+#include <map>
 
 #include "varlo/probe.h"
+#include "varlo/version.h"
 #include "varloctl/command_table.h"
+#include "varloctl/help_formatter.h"
+#include "varloctl/host_list.h"
 #include "varloctl/numbers.h"
 #include "varloctl/password_block.h"
+#include "varloctl/table_writer.h"
 
 namespace varloctl {
 namespace {
 
 constexpr const char* kSeeHelp = " (see varloctl --help)";
 
-std::vector<std::string_view> words(std::string_view s) {
-  std::vector<std::string_view> out;
-  while (!s.empty()) {
-    const auto space = s.find(' ');
-    out.push_back(s.substr(0, space));
-    if (space == std::string_view::npos) break;
-    s.remove_prefix(space + 1);
-  }
-  return out;
-}
+constexpr const char* kDescription =
+    "Finds Varlo agents and sends them commands (UDP and TCP port 4347).\n"
+    "HOSTS is one agent (a dotted IPv4 address or a host name), or a fleet:\n"
+    "HOST1,HOST2,..., @FILE (one host a line, # comments), or an IPv4 CIDR\n"
+    "such as 10.0.0.0/24 (its usable addresses; /16 at the widest).\n";
 
-// The row whose words open `rest`, the longest if several do.
-const CommandSpec* findCommand(const std::vector<std::string>& rest, std::size_t& used) {
-  const CommandSpec* best = nullptr;
-  used = 0;
-  for (const CommandSpec& spec : commandTable()) {
-    const auto w = words(spec.name);
-    if (w.size() > rest.size() || w.size() <= used) continue;
-    bool match = true;
-    for (std::size_t i = 0; i < w.size(); ++i) match = match && rest[i] == w[i];
-    if (match) {
-      best = &spec;
-      used = w.size();
-    }
-  }
-  return best;
-}
+constexpr const char* kFooter =
+    "A fleet runs the command on up to --parallel hosts at once, each with the\n"
+    "time-outs of --timeout, and prints one table with a HOST column first (or,\n"
+    "with --json, one document keyed by host, a failed host's value being\n"
+    "{\"error\": TEXT, \"status\": N}). Each failed host is also one line on\n"
+    "standard error. shutdown and reboot ask once for the whole fleet.\n"
+    "COMMAND --help shows the command's own arguments and options.\n"
+    "\n"
+    "Exit status (of a fleet: 0 when every host succeeded, else the status of\n"
+    "the first failed host in the order the hosts were given):\n"
+    "  0    success\n"
+    "  1    the agent reported that the command failed\n"
+    "  2    usage error\n"
+    "  3    wrong password\n"
+    "  4    the agent refused the command or closed the connection\n"
+    "  5    time-out (discover: no agent answered)\n"
+    "  6    cannot connect: unknown host, connection refused, no route\n"
+    "  7    the agent's reply makes no sense\n"
+    "  130  interrupted (Ctrl-C)";
 
-std::string_view optionName(std::string_view option) { return option.substr(0, option.find(' ')); }
-
-// The form of option name among the spec's, e.g. "--days N"; empty when it has none.
-std::string_view findOption(const CommandSpec& spec, std::string_view name) {
-  for (std::string_view o : spec.options)
-    if (optionName(o) == name) return o;
-  return {};
-}
-
-bool isFlag(std::string_view option) { return option.find(' ') == std::string_view::npos; }
+constexpr const char* kCommandFooter =
+    "The options of varloctl --help (--password, --timeout, --port, --json,\n"
+    "--parallel) go before HOSTS or after the command.";
 
 // The commands that take the option named name, e.g. "census and profiler".
 std::string commandsTaking(std::string_view name) {
   std::vector<std::string_view> names;
   for (const CommandSpec& spec : commandTable())
-    if (!findOption(spec, name).empty()) names.push_back(spec.name);
+    for (const OptionSpec& o : spec.options)
+      if (o.name == name) names.push_back(spec.name);
   std::string out;
   for (std::size_t i = 0; i < names.size(); ++i)
     out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + std::string(names[i]);
   return out;
 }
 
-std::string form(const CommandSpec& spec) {
-  std::string out(spec.name);
-  if (!spec.arguments.empty()) out += " " + std::string(spec.arguments);
-  for (std::string_view o : spec.options) out += " [" + std::string(o) + "]";
-  return out;
+// Where the parser put each command's words, to be read once it has run.
+struct Parsed {
+  const CommandSpec* spec;
+  std::vector<CLI::Option*> arguments;
+  std::vector<CLI::Option*> options;  // in the order of spec->options
+};
+
+// The subcommand for spec's words under app, made on first use (the first
+// word of "notes get" and "notes set" is one subcommand).
+CLI::App* subcommandFor(CLI::App& app, std::string_view name) {
+  CLI::App* at = &app;
+  for (std::size_t from = 0; from <= name.size();) {
+    const std::size_t space = std::min(name.find(' ', from), name.size());
+    const std::string word(name.substr(from, space - from));
+    CLI::App* next = nullptr;
+    for (CLI::App* sub : at->get_subcommands({}))
+      if (sub->get_name() == word) next = sub;
+    if (next == nullptr) {
+      next = at->add_subcommand(word);
+      next->require_subcommand(0, 1);
+      next->group("Commands");
+    }
+    at = next;
+    from = space + 1;
+  }
+  return at;
 }
 
-[[noreturn]] void unknownCommand(const std::string& word) {
-  std::string choices;
-  for (const CommandSpec& spec : commandTable()) {
-    const auto w = words(spec.name);
-    if (w.size() > 1 && w[0] == word) choices += (choices.empty() ? "" : ", ") + std::string(w[1]);
+Parsed addCommand(CLI::App& app, const CommandSpec& spec) {
+  Parsed p{&spec, {}, {}};
+  CLI::App* sub = subcommandFor(app, spec.name);
+  sub->description(std::string(spec.summary));
+  sub->footer(kCommandFooter);
+  for (const ArgumentSpec& a : spec.arguments)
+    p.arguments.push_back(sub->add_option(std::string(a.name))
+                              ->description(std::string(a.help))
+                              ->required()
+                              ->type_name(""));
+  for (const OptionSpec& o : spec.options) {
+    const std::string name(o.name);
+    CLI::Option* option = o.value.empty() ? sub->add_flag(name)->disable_flag_override()
+                                          : sub->add_option(name)->type_name(std::string(o.value));
+    p.options.push_back(option->description(std::string(o.help)));
   }
-  if (!choices.empty()) throw usageError("'" + word + "' needs one of: " + choices + kSeeHelp);
-  throw usageError("unknown command '" + word + "'" + kSeeHelp);
+  return p;
+}
+
+// The subcommand the words ended in: the deepest one given.
+const CLI::App* lastCommand(const CLI::App& app) {
+  const CLI::App* at = &app;
+  for (auto subs = at->get_subcommands(); !subs.empty(); subs = at->get_subcommands())
+    at = subs.front();
+  return at == &app ? nullptr : at;
+}
+
+std::string value(const CLI::Option* o) { return o->results().empty() ? "" : o->results().front(); }
+
+std::string seeHelpOf(const CLI::App* command) {
+  return " (see varloctl " + HelpFormatter::commandName(command) + " --help)";
+}
+
+// Words the parser found no place for: an unknown option or command, or
+// one argument too many.
+[[noreturn]] void leftOver(const std::string& word, const CLI::App* command) {
+  if (word.starts_with("-"))
+    throw usageError("unknown option '" + TableWriter::text(word) + "'" + kSeeHelp);
+  if (command == nullptr)
+    throw usageError("unknown command '" + TableWriter::text(word) + "'" + kSeeHelp);
+  throw usageError("unexpected argument '" + TableWriter::text(word) + "' after " +
+                   HelpFormatter::commandName(command) + seeHelpOf(command));
 }
 
 }  // namespace
 
 Invocation ArgParser::parse(const std::vector<std::string>& args,
                             const std::optional<std::string>& envPassword) {
-  Invocation inv;
-  std::optional<std::string> password, timeout, port, broadcast;
-  // Options of some command's own, by name, checked once the command is known.
-  std::vector<std::pair<std::string, std::string>> commandOptions;
-  std::vector<std::string> positional;
-  bool optionsDone = false;
+  if (args.empty()) throw usageError(std::string("missing HOSTS and COMMAND") + kSeeHelp);
 
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    if (optionsDone || a.size() < 2 || a[0] != '-') {
-      positional.push_back(a);
-      continue;
+  CLI::App app(kDescription, "varloctl");
+  app.formatter(std::make_shared<HelpFormatter>());
+  // Global options may also follow the command.
+  app.fallthrough();
+  app.set_help_flag("-h,--help", "show this text; after a command, the command's");
+  app.set_version_flag("--version", std::string("varloctl ") + varlo::kVersionText,
+                       "print varloctl's version");
+  CLI::Option* password =
+      app.add_option("--password", "session password (default: $VARLO_PASSWORD, else empty)")
+          ->type_name("P");
+  CLI::Option* timeout =
+      app.add_option("--timeout", "seconds allowed for each reply (default 10; discover 2)")
+          ->type_name("S");
+  CLI::Option* broadcast =
+      app.add_option("--broadcast", "discover: where to send the probe (default 255.255.255.255)")
+          ->type_name("ADDR");
+  CLI::Option* port = app.add_option("--port", "the agent's port (default 4347)")->type_name("N");
+  Invocation inv;
+  app.add_flag("--json", inv.json, "print one JSON document instead of a table")
+      ->disable_flag_override();
+  app.add_option("--parallel", inv.parallel,
+                 "a fleet: how many hosts at once, 1 to 1024 (default 32)")
+      ->type_name("N")
+      ->check(CLI::Range(1, Invocation::kMaxParallel).description(""));
+  CLI::Option* hosts = app.add_option("HOSTS", "the agent, or a fleet (see above)")->type_name("");
+
+  CLI::App* discover =
+      app.add_subcommand("discover", "list the agents answering a probe sent to HOST or broadcast");
+  discover->footer(
+      "The options of varloctl --help (--timeout, --port, --broadcast, --json) go\n"
+      "before discover or after it.");
+  discover->group("Commands");
+  CLI::Option* discoverHost =
+      discover->add_option("HOST", "the one host to probe (default: broadcast)")->type_name("");
+  discover
+      ->add_flag("--hosts-only", inv.hostsOnly,
+                 "print only the answering addresses, one a line (a host file for @FILE)")
+      ->disable_flag_override();
+  std::vector<Parsed> commands;
+  for (const CommandSpec& spec : commandTable()) commands.push_back(addCommand(app, spec));
+  // A command's options may also come before the command, as global
+  // options do; the command takes them from here. Not in the help text.
+  std::map<std::string, CLI::Option*> early;
+  for (const CommandSpec& spec : commandTable())
+    for (const OptionSpec& o : spec.options) {
+      const std::string name(o.name);
+      if (early.contains(name)) continue;
+      early[name] = o.value.empty() ? app.add_flag(name)->disable_flag_override()->group("")
+                                    : app.add_option(name)->group("");
     }
-    if (a == "--") {
-      optionsDone = true;
-      continue;
-    }
-    if (a == "-h" || a == "--help") {
-      inv.mode = Invocation::Mode::Help;
-      return inv;
-    }
-    const auto eq = a.find('=');
-    const std::string name = a.substr(0, eq);
-    if (name == "--json") {
-      if (eq != std::string::npos) throw usageError("--json takes no value");
-      inv.json = true;
-      continue;
-    }
-    std::optional<std::string>* slot = name == "--password"    ? &password
-                                       : name == "--timeout"   ? &timeout
-                                       : name == "--port"      ? &port
-                                       : name == "--broadcast" ? &broadcast
-                                                               : nullptr;
-    if (slot == nullptr && !commandsTaking(name).empty()) {
-      for (const auto& given : commandOptions)
-        if (given.first == name) throw usageError(name + " is given twice");
-      bool flag = false;
-      for (const CommandSpec& spec : commandTable())
-        if (const auto o = findOption(spec, name); !o.empty()) flag = isFlag(o);
-      if (flag) {
-        if (eq != std::string::npos) throw usageError(name + " takes no value");
-        commandOptions.emplace_back(name, "");
-        continue;
-      }
-      commandOptions.emplace_back(name, "");
-      if (eq != std::string::npos)
-        commandOptions.back().second = a.substr(eq + 1);
-      else if (i + 1 < args.size())
-        commandOptions.back().second = args[++i];
-      else
-        throw usageError(name + " needs a value");
-      continue;
-    }
-    if (slot == nullptr) throw usageError("unknown option '" + a + "'" + kSeeHelp);
-    if (eq != std::string::npos)
-      *slot = a.substr(eq + 1);
-    else if (i + 1 < args.size())
-      *slot = args[++i];
-    else
-      throw usageError(name + " needs a value");
+  app.require_subcommand(0, 1);
+  // After the commands, which would inherit it: left-over words are
+  // reported here, in terms of the commands.
+  app.allow_extras();
+  app.footer(kFooter);
+
+  try {
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    inv.text = app.help();
+    return inv;
+  } catch (const CLI::CallForVersion& e) {
+    inv.text = std::string(e.what()) + "\n";
+    return inv;
+  } catch (const CLI::ParseError& e) {
+    const CLI::App* command = lastCommand(app);
+    throw usageError(std::string(e.what()) +
+                     (command == nullptr ? std::string(kSeeHelp) : seeHelpOf(command)));
   }
+
+  const CLI::App* command = lastCommand(app);
+  for (const std::string& word : app.remaining(true))
+    if (word != "--") leftOver(word, command);  // "--" only ends the options
 
   inv.port = varlo::kAgentPort;
-  if (port) {
-    inv.port = static_cast<std::uint16_t>(parseUnsigned(*port, 65535, "the port"));
+  if (port->count() != 0) {
+    inv.port = static_cast<std::uint16_t>(parseUnsigned(value(port), 65535, "the port"));
     if (inv.port == 0) throw usageError("the port must not be 0");
   }
-  if (positional.empty()) throw usageError(std::string("missing HOST and COMMAND") + kSeeHelp);
 
-  if (positional[0] == "discover") {
-    if (!commandOptions.empty())
-      throw usageError(commandOptions.front().first + " applies to " +
-                       commandsTaking(commandOptions.front().first) + " only");
+  // An early option that the command does not take.
+  const auto takes = [&command, &commands](const std::string& name) {
+    for (const Parsed& p : commands)
+      if (HelpFormatter::commandName(command) == p.spec->name)
+        for (const OptionSpec& o : p.spec->options)
+          if (o.name == name) return true;
+    return false;
+  };
+  for (const auto& [name, option] : early)
+    if (option->count() != 0 && (command == nullptr || !takes(name)))
+      throw usageError(name + " applies to " + commandsTaking(name) + " only");
+
+  if (command == discover) {
+    if (hosts->count() != 0 && discoverHost->count() != 0)
+      throw usageError("discover takes at most one HOST");
+    if (hosts->count() != 0)
+      throw usageError("discover takes its HOST after it: varloctl discover " +
+                       TableWriter::text(value(hosts)));
     inv.mode = Invocation::Mode::Discover;
-    inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kDiscoverTimeoutMs;
-    if (positional.size() > 2) throw usageError("discover takes at most one HOST");
-    if (positional.size() == 2) {
-      if (broadcast) throw usageError("discover takes either HOST or --broadcast, not both");
-      inv.target = positional[1];
+    inv.timeoutMs = timeout->count() != 0 ? parseSeconds(value(timeout), "--timeout")
+                                          : Invocation::kDiscoverTimeoutMs;
+    if (discoverHost->count() != 0) {
+      if (broadcast->count() != 0)
+        throw usageError("discover takes either HOST or --broadcast, not both");
+      inv.target = value(discoverHost);
     } else {
-      inv.target = broadcast.value_or(Invocation::kBroadcast);
+      inv.target = broadcast->count() != 0 ? value(broadcast) : Invocation::kBroadcast;
       inv.broadcast = true;
     }
     return inv;
   }
 
   inv.mode = Invocation::Mode::Command;
-  inv.timeoutMs = timeout ? parseSeconds(*timeout, "--timeout") : Invocation::kCommandTimeoutMs;
-  if (broadcast) throw usageError("--broadcast applies to discover only");
-  inv.target = positional[0];
-  const std::vector<std::string> rest(positional.begin() + 1, positional.end());
-  if (rest.empty()) throw usageError("missing COMMAND after " + inv.target + kSeeHelp);
+  inv.timeoutMs = timeout->count() != 0 ? parseSeconds(value(timeout), "--timeout")
+                                        : Invocation::kCommandTimeoutMs;
+  if (broadcast->count() != 0) throw usageError("--broadcast applies to discover only");
+  if (hosts->count() == 0) {
+    if (command == nullptr) throw usageError(std::string("missing HOSTS and COMMAND") + kSeeHelp);
+    throw usageError("missing HOSTS before " + HelpFormatter::commandName(command) + kSeeHelp);
+  }
+  inv.target = value(hosts);
+  inv.fleet = HostList::isList(inv.target);
+  if (command == nullptr)
+    throw usageError("missing COMMAND after " + TableWriter::text(inv.target) + kSeeHelp);
 
-  std::size_t used = 0;
-  const CommandSpec* spec = findCommand(rest, used);
-  if (spec == nullptr) unknownCommand(rest[0]);
-  std::vector<std::string> arguments(rest.begin() + static_cast<std::ptrdiff_t>(used), rest.end());
-  if (arguments.size() != spec->argumentCount)
-    throw usageError("usage: varloctl [OPTIONS] HOST " + form(*spec));
-  for (const auto& [name, value] : commandOptions)
-    if (findOption(*spec, name).empty())
-      throw usageError(name + " applies to " + commandsTaking(name) + " only");
-  for (std::string_view o : spec->options)
-    for (const auto& [name, value] : commandOptions)
-      if (name == optionName(o)) {
-        arguments.push_back(name);
-        arguments.push_back(value);
-      }
-  inv.command = spec->make(arguments);
+  const auto parsed = std::find_if(commands.begin(), commands.end(), [&](const Parsed& p) {
+    return HelpFormatter::commandName(command) == p.spec->name;
+  });
+  if (parsed == commands.end()) {
+    // A word that only groups commands, such as "notes".
+    std::string choices;
+    for (const CLI::App* sub : command->get_subcommands({}))
+      choices += (choices.empty() ? "" : ", ") + sub->get_name();
+    throw usageError("'" + command->get_name() + "' needs one of: " + choices + kSeeHelp);
+  }
+  std::vector<std::string> arguments;
+  for (const CLI::Option* a : parsed->arguments) arguments.push_back(value(a));
+  for (std::size_t i = 0; i < parsed->options.size(); ++i) {
+    const std::string name(parsed->spec->options[i].name);
+    const CLI::Option* given = parsed->options[i];
+    if (early[name]->count() != 0) {
+      if (given->count() != 0) throw usageError(name + " is given twice");
+      given = early[name];
+    }
+    if (given->count() == 0) continue;
+    arguments.push_back(name);
+    arguments.push_back(value(given));
+  }
+  inv.command = parsed->spec->make(arguments);
 
-  inv.password = password ? *password : envPassword.value_or("");
+  inv.password = password->count() != 0 ? value(password) : envPassword.value_or("");
   PasswordBlock::plain(inv.password);  // refuses one the agent could not receive
   return inv;
-}
-
-std::optional<std::string> optionValue(const std::vector<std::string>& arguments,
-                                       std::size_t count, std::string_view name) {
-  for (std::size_t i = count; i + 1 < arguments.size(); i += 2)
-    if (arguments[i] == name) return arguments[i + 1];
-  return std::nullopt;
-}
-
-std::string ArgParser::usage() {
-  std::ostringstream s;
-  const auto row = [&s](std::string left, std::string_view right, std::size_t column = 26) {
-    left.resize(std::max(left.size() + 2, column), ' ');
-    s << "  " << left << right << '\n';
-  };
-  s << "usage: varloctl [OPTIONS] discover [HOST]\n"
-       "       varloctl [OPTIONS] HOST COMMAND [ARGS]\n"
-       "\n"
-       "Finds Varlo agents and sends them commands (UDP and TCP port 4347).\n"
-       "HOST is a dotted IPv4 address or a host name.\n"
-       "\n"
-       "Commands:\n";
-  row("discover [HOST]", "list the agents answering a probe sent to HOST or broadcast");
-  for (const CommandSpec& spec : commandTable()) row(form(spec), spec.summary);
-  s << "\nOptions:\n";
-  row("--password P", "session password (default: $VARLO_PASSWORD, else empty)");
-  row("--timeout S", "seconds allowed for each reply (default 10; discover 2)");
-  row("--broadcast ADDR", "discover: where to send the probe (default 255.255.255.255)");
-  row("--port N", "the agent's port (default 4347)");
-  row("--json", "print one JSON document instead of a table");
-  row("--days N", commandsTaking("--days") + ": only files changed in the last N days");
-  row("", "(0 to 3650; 0, the default, counts every file)");
-  row("--folder CODE", commandsTaking("--folder") +
-                           ": the agent's folder, a four-character code (default XXXX)");
-  row("--launch", commandsTaking("--launch") + " of a file: start it once it has arrived");
-  row("--time ISO8601", commandsTaking("--time") +
-                            ": this time instead of now, e.g. 2024-05-01T13:30:00[+02:00]");
-  row("--yes", commandsTaking("--yes") + ": do not ask for confirmation");
-  row("-h, --help", "show this text");
-  s << "\nExit status:\n";
-  row("0", "success", 3);
-  row("1", "the agent reported that the command failed", 3);
-  row("2", "usage error", 3);
-  row("3", "wrong password", 3);
-  row("4", "the agent refused the command or closed the connection", 3);
-  row("5", "time-out (discover: no agent answered)", 3);
-  row("6", "cannot connect: unknown host, connection refused, no route", 3);
-  row("7", "the agent's reply makes no sense", 3);
-  row("130", "interrupted (Ctrl-C)", 3);
-  return s.str();
 }
 
 }  // namespace varloctl

@@ -12,18 +12,28 @@
 namespace varloctl {
 
 struct Invocation {
-  enum class Mode { Help, Discover, Command };
+  // Print: --help or --version, whose text is in `text`.
+  enum class Mode { Print, Discover, Command };
   static constexpr int kCommandTimeoutMs = 10000;
   static constexpr int kDiscoverTimeoutMs = 2000;
   static constexpr const char* kBroadcast = "255.255.255.255";
+  static constexpr int kDefaultParallel = 32;
+  static constexpr int kMaxParallel = 1024;
 
-  Mode mode = Mode::Help;
+  Mode mode = Mode::Print;
+  std::string text;
   bool json = false;
   std::string password;
   int timeoutMs = kCommandTimeoutMs;
   std::uint16_t port = 0;
-  std::string target;      // the agent, or where discover sends its probe
+  // The agent, the hosts of a fleet (HostList's syntax), or where discover
+  // sends its probe.
+  std::string target;
+  bool fleet = false;  // target names a list of hosts, however many
+  int parallel = kDefaultParallel;
   bool broadcast = false;  // discover: collect answers for the whole time-out
+  bool hostsOnly = false;  // discover: the answering addresses only
+  // The command for the first host; the others run clones.
   std::unique_ptr<Command> command;
 };
 
@@ -33,8 +43,6 @@ class ArgParser {
   // envPassword (VARLO_PASSWORD), else is empty. Throws a usage CtlError.
   static Invocation parse(const std::vector<std::string>& args,
                           const std::optional<std::string>& envPassword);
-
-  static std::string usage();
 };
 
 }  // namespace varloctl

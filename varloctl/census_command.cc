@@ -59,12 +59,10 @@ Value CensusCommand::describe(const std::vector<varlo::varlo_extension>& extensi
   for (const auto& e : extensions) {
     // Files without an extension are counted together under the empty one.
     const std::string name = e.name.empty() && !json ? "(no extension)" : e.name;
-    Value row = Value::object()
-                    .add("extension", Value::string(name))
-                    .add("size_kb", Value::integer(e.sizeKb))
-                    .add("files", Value::integer(std::int64_t{e.count} + 1));
-    if (json) row.add("ext_count", Value::integer(e.count));
-    list.push(std::move(row));
+    Value row =
+        Value{{"extension", name}, {"size_kb", e.sizeKb}, {"files", std::int64_t{e.count} + 1}};
+    if (json) row["ext_count"] = e.count;
+    list.push_back(std::move(row));
   }
   return list;
 }

@@ -15,7 +15,7 @@
 
 namespace varloctl {
 
-class CensusCommand : public Command {
+class CensusCommand : public CommandOf<CensusCommand> {
  public:
   // Ten years; beyond that the filter filters nothing.
   static constexpr std::uint32_t kMaxDays = 3650;

@@ -4,9 +4,7 @@
 
 namespace varloctl {
 
-std::string Command::agentText(std::string_view text) {
-  return TableWriter::cell(Value::string(std::string(text)));
-}
+std::string Command::agentText(std::string_view text) { return TableWriter::text(text); }
 
 void Command::requireManageSuccess(const varlo::varlo_manage::Bytes& r,
                                    const std::string& failure) {

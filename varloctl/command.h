@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,9 @@ class Command {
  public:
   virtual ~Command() = default;
   virtual std::uint16_t code() const = 0;
+  // The same request for another host: each host of a fleet runs its own
+  // copy, made before setJson() and setProgress().
+  virtual std::unique_ptr<Command> clone() const = 0;
   // Runs after the header was sent; throws CtlError when it cannot finish.
   virtual Value run(Session& session) = 0;
   // Told before run() when the output is JSON, for commands that show more there.
@@ -99,6 +103,15 @@ class Command {
   template <std::size_t N>
   static void requireSuccess(const varlo::WireRecord<N>& r, const std::string& failure) {
     if (!varlo::ReplyPrefix::decodeFrom(r).success) throw CtlError(kFailed, failure);
+  }
+};
+
+// The base of each command class: clone() is its copy constructor.
+template <typename Self>
+class CommandOf : public Command {
+ public:
+  std::unique_ptr<Command> clone() const override {
+    return std::make_unique<Self>(static_cast<const Self&>(*this));
   }
 };
 

@@ -1,4 +1,5 @@
-// The commands varloctl knows. Adding one is a Command class and a row here.
+// The commands varloctl knows. Adding one is a Command class and a row here;
+// the parser and the help texts are made from the rows.
 #pragma once
 
 #include <memory>
@@ -11,18 +12,29 @@
 
 namespace varloctl {
 
+struct ArgumentSpec {
+  std::string_view name;  // e.g. "INDEX"
+  std::string_view help;
+};
+
+struct OptionSpec {
+  std::string_view name;   // e.g. "--days"
+  std::string_view value;  // e.g. "N"; empty for a flag such as --yes
+  std::string_view help;
+};
+
 struct CommandSpec {
-  std::string_view name;       // the words after HOST, e.g. "notes get"
-  std::string_view arguments;  // for the usage text, e.g. "INDEX TEXT"
-  std::size_t argumentCount;
+  std::string_view name;  // the words after HOST, e.g. "notes get"
   std::string_view summary;
   // Checks the arguments (usage CtlError) and builds the command. Each of
   // its options that was given follows the arguments as a name and a value
   // (empty for a flag), in the order of `options`.
   std::unique_ptr<Command> (*make)(const std::vector<std::string>& arguments);
-  // The command's own options, with their values, e.g. "--days N"; one
-  // without a value ("--yes") is a flag.
-  std::vector<std::string_view> options = {};
+  std::vector<ArgumentSpec> arguments = {};
+  std::vector<OptionSpec> options = {};
+
+  // "notes set INDEX TEXT [--opt V]", for the help texts.
+  std::string form() const;
 };
 
 // The value of option name among a command's arguments past the first

@@ -26,28 +26,28 @@ Value ConfigCommand::run(Session& session) {
 
 Value ConfigCommand::describe(const varlo::varlo_config& c, bool withFixedFields) {
   Value v = Value::object();
-  v.add("cpu_type", Value::integer(c.cpuType));
-  v.add("cpu_count", Value::integer(c.cpuCount));
-  v.add("cpu_speed_mhz", Value::integer((std::int64_t{c.cpuSpeedHz} + 500000) / 1000000));
-  v.add("machine_type", Value::integer(c.machineType));
-  v.add("physical_ram_mib", Value::integer(c.physicalRamMb));
-  v.add("logical_ram_mib", Value::integer(c.logicalRamMb));
-  v.add("os_version", Value::string(hex4(c.systemVersion)));
-  v.add("os_version_text", Value::string(c.osVersionText));
-  v.add("manufacturer", Value::string(c.manufacturer));
+  v["cpu_type"] = c.cpuType;
+  v["cpu_count"] = c.cpuCount;
+  v["cpu_speed_mhz"] = (std::int64_t{c.cpuSpeedHz} + 500000) / 1000000;
+  v["machine_type"] = c.machineType;
+  v["physical_ram_mib"] = c.physicalRamMb;
+  v["logical_ram_mib"] = c.logicalRamMb;
+  v["os_version"] = hex4(c.systemVersion);
+  v["os_version_text"] = c.osVersionText;
+  v["manufacturer"] = c.manufacturer;
   if (!withFixedFields) return v;
-  v.add("cpu_speed_hz", Value::integer(c.cpuSpeedHz));
-  v.add("bus_speed_hz", Value::integer(c.busSpeedHz));
-  v.add("fpu_type", Value::integer(c.fpuType));
-  v.add("keyboard_type", Value::integer(c.keyboardType));
-  v.add("cpu_brand", Value::string(c.cpuBrand));
-  v.add("record_tag", Value::integer(c.recordTag));
-  v.add("fixed_32", Value::integer(c.fixed32));
-  v.add("fixed_48", Value::integer(c.fixed48));
-  v.add("fixed_52", Value::integer(c.fixed52));
-  v.add("fixed_56", Value::integer(c.fixed56));
-  v.add("fixed_64", Value::integer(c.fixed64));
-  v.add("fixed_72", Value::integer(c.fixed72));
+  v["cpu_speed_hz"] = c.cpuSpeedHz;
+  v["bus_speed_hz"] = c.busSpeedHz;
+  v["fpu_type"] = c.fpuType;
+  v["keyboard_type"] = c.keyboardType;
+  v["cpu_brand"] = c.cpuBrand;
+  v["record_tag"] = c.recordTag;
+  v["fixed_32"] = c.fixed32;
+  v["fixed_48"] = c.fixed48;
+  v["fixed_52"] = c.fixed52;
+  v["fixed_56"] = c.fixed56;
+  v["fixed_64"] = c.fixed64;
+  v["fixed_72"] = c.fixed72;
   return v;
 }
 

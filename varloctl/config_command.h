@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class ConfigCommand : public Command {
+class ConfigCommand : public CommandOf<ConfigCommand> {
  public:
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   std::uint16_t code() const override { return varlo::kConfigurationCommand; }

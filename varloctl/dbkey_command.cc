@@ -17,7 +17,7 @@ Value DbKeyCommand::run(Session& session) {
   const auto r = receiveFirstReply<varlo_manage::kSize>(session);
   requireSuccess(r, "the agent could not store the DBMS key");
   // The agent echoes the request, so this is the key it was given.
-  return Value::object().add("dbms_key", Value::integer(varlo::get32<varlo_manage::KeyValue>(r)));
+  return Value{{"dbms_key", varlo::get32<varlo_manage::KeyValue>(r)}};
 }
 
 }  // namespace varloctl

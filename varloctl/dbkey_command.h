@@ -9,7 +9,7 @@
 
 namespace varloctl {
 
-class DbKeyCommand : public Command {
+class DbKeyCommand : public CommandOf<DbKeyCommand> {
  public:
   static constexpr std::uint16_t kCode = 33;
 

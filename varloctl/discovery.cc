@@ -78,13 +78,12 @@ Value Discovery::describe(const std::vector<Agent>& agents) {
   Value list = Value::array();
   for (const Agent& a : agents) {
     const auto& r = a.reply;
-    list.push(Value::object()
-                  .add("address", Value::string(dotted(a.address)))
-                  .add("host_name", Value::string(r.hostName))
-                  .add("os_version", Value::string(osVersion(r.osVersion)))
-                  .add("user", Value::string(r.userName))
-                  .add("dbms_key", Value::integer(r.dbmsKey))
-                  .add("agent_version", Value::string(agentVersion(r.agentVersion))));
+    list.push_back(Value{{"address", dotted(a.address)},
+                         {"host_name", r.hostName},
+                         {"os_version", osVersion(r.osVersion)},
+                         {"user", r.userName},
+                         {"dbms_key", r.dbmsKey},
+                         {"agent_version", agentVersion(r.agentVersion)}});
   }
   return list;
 }

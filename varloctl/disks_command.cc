@@ -12,14 +12,12 @@ Value DisksCommand::run(Session& session) {
   Value list = Value::array();
   for (const auto& d :
        receiveList<varlo::varlo_volume>(session, "the agent could not list its disks", "disks"))
-    list.push(describe(d));
+    list.push_back(describe(d));
   return list;
 }
 
 Value DisksCommand::describe(const varlo::varlo_volume& entry) {
-  return Value::object()
-      .add("name", Value::string(entry.name))
-      .add("size_mib", Value::string(VolumesCommand::mebibytes(entry.total)));
+  return Value{{"name", entry.name}, {"size_mib", VolumesCommand::mebibytes(entry.total)}};
 }
 
 }  // namespace varloctl

@@ -34,7 +34,7 @@ std::uint32_t folderCode(const std::string& text) {
   }
   if (!printable)
     throw usageError("the folder code must be four printable characters, e.g. desk, not '" +
-                     TableWriter::cell(Value::string(text)) + "'");
+                     TableWriter::text(text) + "'");
   return code;
 }
 
@@ -73,7 +73,7 @@ void FileSender::acknowledged(const std::string& what, bool first) {
 }
 
 void FileSender::sendFile(const std::string& name, std::uint64_t size, const Reader& read) {
-  const std::string what = TableWriter::cell(Value::string(name));
+  const std::string what = TableWriter::text(name);
   std::vector<std::uint8_t> out;
   // The forks: data only.
   const auto h = stepHeader();

@@ -12,16 +12,15 @@ Value IpAddrsCommand::run(Session& session) {
   Value list = Value::array();
   for (const auto& a : receiveList<varlo::varlo_ipaddr>(
            session, "the agent could not list its IP addresses", "addresses"))
-    list.push(describe(a));
+    list.push_back(describe(a));
   return list;
 }
 
 Value IpAddrsCommand::describe(const varlo::varlo_ipaddr& entry) {
-  return Value::object()
-      .add("ip_address", Value::string(dotted(entry.ipAddr)))
-      .add("gateway", Value::string(dotted(entry.gatewayAddr)))
-      .add("subnet_mask", Value::string(dotted(entry.netMask)))
-      .add("hardware_address", Value::string(hardwareAddress(entry.hwAddr)));
+  return Value{{"ip_address", dotted(entry.ipAddr)},
+               {"gateway", dotted(entry.gatewayAddr)},
+               {"subnet_mask", dotted(entry.netMask)},
+               {"hardware_address", hardwareAddress(entry.hwAddr)}};
 }
 
 }  // namespace varloctl

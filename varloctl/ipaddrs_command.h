@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class IpAddrsCommand : public Command {
+class IpAddrsCommand : public CommandOf<IpAddrsCommand> {
  public:
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   std::uint16_t code() const override { return varlo::kIpAddressCommand; }

@@ -1,7 +1,7 @@
 #include "varloctl/json_writer.h"
 
 #include <cstdint>
-#include <cstdio>
+#include <utility>
 
 namespace varloctl {
 namespace {
@@ -36,116 +36,63 @@ std::size_t utf8Sequence(std::string_view s) {
   return len;
 }
 
-void appendEscape(std::string& out, unsigned code) {
-  char buf[8];
-  std::snprintf(buf, sizeof buf, "\\u%04x", code);
-  out += buf;
-}
-
-const char* shortEscape(unsigned char c) {
-  switch (c) {
-    case '"':
-      return "\\\"";
-    case '\\':
-      return "\\\\";
-    case '\b':
-      return "\\b";
-    case '\f':
-      return "\\f";
-    case '\n':
-      return "\\n";
-    case '\r':
-      return "\\r";
-    case '\t':
-      return "\\t";
-    default:
-      return nullptr;
+// The same tree with every string and key made UTF-8, which the library
+// insists on when it prints.
+Value utf8Tree(const Value& v) {
+  if (v.is_string()) return JsonWriter::utf8(v.get_ref<const std::string&>());
+  if (v.is_array()) {
+    Value out = Value::array();
+    for (const Value& item : v) out.push_back(utf8Tree(item));
+    return out;
   }
+  if (v.is_object()) {
+    Value out = Value::object();
+    for (const auto& [key, value] : v.items()) out[JsonWriter::utf8(key)] = utf8Tree(value);
+    return out;
+  }
+  return v;
 }
-
-void indent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth) * 2, ' '); }
 
 }  // namespace
 
-std::string JsonWriter::quote(std::string_view text) {
-  std::string out = "\"";
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (const char* e = shortEscape(c)) {
-      out += e;
-      ++i;
-      continue;
-    }
-    const std::size_t len = c < 0x20 || c == 0x7F ? 0 : utf8Sequence(text.substr(i));
-    if (len == 0) {
-      appendEscape(out, c);
-      ++i;
-    } else {
+std::string JsonWriter::utf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    if (const std::size_t len = utf8Sequence(text.substr(i)); len != 0) {
       out.append(text.substr(i, len));
       i += len;
+      continue;
     }
+    const auto c = static_cast<std::uint8_t>(text[i++]);
+    out += static_cast<char>(0xC0 | c >> 6);
+    out += static_cast<char>(0x80 | (c & 0x3F));
   }
-  out += '"';
   return out;
-}
-
-void JsonWriter::writeValue(std::string& out, const Value& v, int depth) {
-  switch (v.kind()) {
-    case Value::Kind::Null:
-      out += "null";
-      break;
-    case Value::Kind::Bool:
-      out += v.asBool() ? "true" : "false";
-      break;
-    case Value::Kind::Integer:
-      out += std::to_string(v.asInteger());
-      break;
-    case Value::Kind::String:
-      out += quote(v.asString());
-      break;
-    case Value::Kind::Array: {
-      const auto& items = v.items();
-      if (items.empty()) {
-        out += "[]";
-        break;
-      }
-      out += "[\n";
-      for (std::size_t i = 0; i < items.size(); ++i) {
-        indent(out, depth + 1);
-        writeValue(out, items[i], depth + 1);
-        out += i + 1 < items.size() ? ",\n" : "\n";
-      }
-      indent(out, depth);
-      out += ']';
-      break;
-    }
-    case Value::Kind::Object: {
-      const auto& members = v.members();
-      if (members.empty()) {
-        out += "{}";
-        break;
-      }
-      out += "{\n";
-      for (std::size_t i = 0; i < members.size(); ++i) {
-        indent(out, depth + 1);
-        out += quote(members[i].key);
-        out += ": ";
-        writeValue(out, members[i].value, depth + 1);
-        out += i + 1 < members.size() ? ",\n" : "\n";
-      }
-      indent(out, depth);
-      out += '}';
-      break;
-    }
-  }
 }
 
 std::string JsonWriter::write(const Value& v) {
+  const std::string doc = utf8Tree(v).dump(2);
+  // The library leaves DEL and the C1 controls (U+0080 to U+009F) as they
+  // are, which a terminal may act on; as escapes they are only text. In a
+  // document of valid UTF-8 these bytes occur only inside strings.
   std::string out;
-  writeValue(out, v, 0);
-  out += '\n';
-  return out;
+  out.reserve(doc.size() + 1);
+  for (std::size_t i = 0; i < doc.size(); ++i) {
+    const auto c = static_cast<std::uint8_t>(doc[i]);
+    const auto next = i + 1 < doc.size() ? static_cast<std::uint8_t>(doc[i + 1]) : 0;
+    if (c == 0x7F || (c == 0xC2 && next >= 0x80 && next <= 0x9F)) {
+      const unsigned code = c == 0x7F ? c : next;
+      const char hex[] = "0123456789abcdef";
+      out += "\\u00";
+      out += hex[code >> 4];
+      out += hex[code & 0xF];
+      i += c == 0x7F ? 0 : 1;
+      continue;
+    }
+    out += doc[i];
+  }
+  return out + '\n';
 }
 
 }  // namespace varloctl

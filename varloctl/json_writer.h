@@ -13,13 +13,9 @@ class JsonWriter {
   // The document followed by a newline.
   static std::string write(const Value& v);
 
-  // A JSON string literal. Agent text is bytes in no declared encoding:
-  // valid UTF-8 passes through, any other byte is read as Latin-1, so the
-  // output is always valid UTF-8.
-  static std::string quote(std::string_view text);
-
- private:
-  static void writeValue(std::string& out, const Value& v, int depth);
+  // Agent text is bytes in no declared encoding: valid UTF-8 stays as it
+  // is, any other byte is read as Latin-1, so the result is always UTF-8.
+  static std::string utf8(std::string_view text);
 };
 
 }  // namespace varloctl

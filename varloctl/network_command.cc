@@ -16,11 +16,11 @@ Value NetworkCommand::run(Session& session) {
 
 Value NetworkCommand::describe(const varlo::varlo_net& net) {
   Value v = Value::object();
-  v.add("interface_found", Value::boolean(net.found));
-  v.add("ip_address", Value::string(dotted(net.ipAddr)));
-  v.add("gateway", Value::string(dotted(net.gatewayAddr)));
-  v.add("subnet_mask", Value::string(dotted(net.netMask)));
-  v.add("hardware_address", Value::string(hardwareAddress(net.hwAddr)));
+  v["interface_found"] = net.found;
+  v["ip_address"] = dotted(net.ipAddr);
+  v["gateway"] = dotted(net.gatewayAddr);
+  v["subnet_mask"] = dotted(net.netMask);
+  v["hardware_address"] = hardwareAddress(net.hwAddr);
   return v;
 }
 

@@ -16,9 +16,7 @@ Value NotesGetCommand::run(Session& session) {
   Value notes = Value::array();
   for (int i = 0; i < varlo_note::kCount; ++i) {
     const auto note = varlo_note::decode(session.receive<varlo_note::kSize>());
-    notes.push(Value::object()
-                   .add("index", Value::integer(note.index))
-                   .add("text", Value::string(note.text)));
+    notes.push_back(Value{{"index", note.index}, {"text", note.text}});
     session.send(next);
   }
   return notes;

@@ -9,7 +9,7 @@
 
 namespace varloctl {
 
-class NotesGetCommand : public Command {
+class NotesGetCommand : public CommandOf<NotesGetCommand> {
  public:
   static constexpr std::uint16_t kCode = 22;
 

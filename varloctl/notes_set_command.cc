@@ -29,7 +29,7 @@ Value NotesSetCommand::run(Session& session) {
     const auto ack = session.receive<varlo_manage::kSize>();
     requireSuccess(ack, "the agent did not accept note " + std::to_string(i));
   }
-  return Value::object().add("index", Value::integer(index_)).add("stored", Value::boolean(true));
+  return Value{{"index", index_}, {"stored", true}};
 }
 
 }  // namespace varloctl

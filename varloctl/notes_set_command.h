@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class NotesSetCommand : public Command {
+class NotesSetCommand : public CommandOf<NotesSetCommand> {
  public:
   static constexpr std::uint16_t kCode = 21;
   static constexpr std::size_t kMaxText = 255;  // the note's Pascal string

@@ -11,7 +11,7 @@ Value PasswordCommand::run(Session& session) {
   session.send(request_.data(), request_.size());
   const auto r = receiveFirstReply<varlo::varlo_manage::kSize>(session);
   requireSuccess(r, "the agent could not change its password");
-  return Value::object().add("password_changed", Value::boolean(true));
+  return Value{{"password_changed", true}};
 }
 
 }  // namespace varloctl

@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class PasswordCommand : public Command {
+class PasswordCommand : public CommandOf<PasswordCommand> {
  public:
   static constexpr std::uint16_t kCode = 17;
 

@@ -12,18 +12,15 @@ Value PciCommand::run(Session& session) {
   Value list = Value::array();
   for (const auto& d :
        receiveList<varlo::varlo_pci>(session, "the agent could not list its PCI devices", "PCI devices"))
-    list.push(describe(d));
+    list.push_back(describe(d));
   return list;
 }
 
 Value PciCommand::describe(const varlo::varlo_pci& device) {
   char vendor[8];
   std::snprintf(vendor, sizeof vendor, "%04x", device.vendor);
-  return Value::object()
-      .add("name", Value::string(device.name))
-      .add("type", Value::string(device.type))
-      .add("slot", Value::string(device.slot))
-      .add("vendor_id", Value::string(vendor));
+  return Value{
+      {"name", device.name}, {"type", device.type}, {"slot", device.slot}, {"vendor_id", vendor}};
 }
 
 }  // namespace varloctl

@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class ProcessesCommand : public Command {
+class ProcessesCommand : public CommandOf<ProcessesCommand> {
  public:
   // No machine runs more processes than the largest pid_max; these only stop
   // a runaway peer.

@@ -33,7 +33,7 @@ Value ProfilerCommand::run(Session& session) {
     if (header.prefix.last) return partitions;
     const auto volume = session.receive<varlo_volume::kSize>();
     const auto partition = varlo_volume::decodeAt(volume.data());
-    partitions.push(describe(
+    partitions.push_back(describe(
         partition, CensusCommand::receiveCensus(session, progress_, false, partition.name, budget),
         json_));
   }
@@ -42,7 +42,7 @@ Value ProfilerCommand::run(Session& session) {
 Value ProfilerCommand::describe(const varlo::varlo_volume& partition,
                                 const std::vector<varlo::varlo_extension>& extensions, bool json) {
   Value v = VolumesCommand::describe(partition);
-  v.add("extensions", CensusCommand::describe(extensions, json));
+  v["extensions"] = CensusCommand::describe(extensions, json);
   return v;
 }
 

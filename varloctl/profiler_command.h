@@ -15,7 +15,7 @@
 
 namespace varloctl {
 
-class ProfilerCommand : public Command {
+class ProfilerCommand : public CommandOf<ProfilerCommand> {
  public:
   // Mounted partitions; only stops a runaway peer.
   static constexpr std::size_t kMaxPartitions = 4096;

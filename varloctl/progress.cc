@@ -3,7 +3,6 @@
 #include <cstdio>
 
 #include "varloctl/table_writer.h"
-#include "varloctl/value.h"
 
 namespace varloctl {
 namespace {
@@ -20,7 +19,7 @@ void Progress::files(std::uint32_t scanned, std::string_view where) {
   if (!enabled_) return;
   std::string text = "scanned " + std::to_string(scanned) + " files";
   // A partition's name is agent text: no control characters to the terminal.
-  if (!where.empty()) text += " on " + TableWriter::cell(Value::string(std::string(where)));
+  if (!where.empty()) text += " on " + TableWriter::text(where);
   show(std::move(text));
 }
 
@@ -34,7 +33,7 @@ void Progress::transfer(std::uint64_t sent, std::uint64_t total, double seconds)
 
 void Progress::text(std::string_view line) {
   if (!enabled_) return;
-  show(TableWriter::cell(Value::string(std::string(line))));
+  show(TableWriter::text(line));
 }
 
 void Progress::show(std::string text) {

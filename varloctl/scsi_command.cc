@@ -30,7 +30,7 @@ Value ScsiCommand::run(Session& session) {
       throw CtlError(kBadReply, "the agent announced " + std::to_string(count) +
                                     " devices in a record of seven slots");
     for (std::size_t i = 0; i < count; ++i)
-      list.push(describe(varlo::varlo_scsi::decodeAt(varlo_scsis::slot(record, i))));
+      list.push_back(describe(varlo::varlo_scsi::decodeAt(varlo_scsis::slot(record, i))));
     if (varlo::ReplyPrefix::decodeFrom(record).last) break;
   }
   return list;
@@ -39,13 +39,12 @@ Value ScsiCommand::run(Session& session) {
 Value ScsiCommand::describe(const varlo::varlo_scsi& device) {
   const char* typeName =
       device.type < varlo::kScsiDeviceTypes.size() ? varlo::kScsiDeviceTypes[device.type] : "Unknown";
-  return Value::object()
-      .add("id", Value::integer(device.id))
-      .add("type", Value::integer(device.type))
-      .add("type_name", Value::string(typeName))
-      .add("vendor", Value::string(trimmed(device.vendor)))
-      .add("product", Value::string(trimmed(device.product)))
-      .add("revision", Value::string(trimmed(device.revision)));
+  return Value{{"id", device.id},
+               {"type", device.type},
+               {"type_name", typeName},
+               {"vendor", trimmed(device.vendor)},
+               {"product", trimmed(device.product)},
+               {"revision", trimmed(device.revision)}};
 }
 
 }  // namespace varloctl

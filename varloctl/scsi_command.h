@@ -10,7 +10,7 @@
 
 namespace varloctl {
 
-class ScsiCommand : public Command {
+class ScsiCommand : public CommandOf<ScsiCommand> {
  public:
   // A sane agent sends a handful of records; this only stops a runaway peer.
   static constexpr std::size_t kMaxRecords = 8192;

@@ -167,15 +167,15 @@ std::uint64_t SendCommand::sendOne(
 }
 
 Value SendCommand::run(Session& session) {
-  Value result = Value::object().add("name", Value::string(item_.name));
-  result.add("folder_code", Value::string(folderCodeText(folder_)));
+  Value result = {{"name", item_.name}, {"folder_code", folderCodeText(folder_)}};
   if (!item_.folder) {
     FileReader read(item_.path);
     const auto bytes = sendOne(session, progress_, item_.name, folder_, launch_, item_.size,
                                std::ref(read));
-    return result.add("files", Value::integer(1))
-        .add("bytes", Value::integer(static_cast<std::int64_t>(bytes)))
-        .add("launch_requested", Value::boolean(launch_));
+    result["files"] = 1;
+    result["bytes"] = bytes;
+    result["launch_requested"] = launch_;
+    return result;
   }
   FileSender sender(session, progress_, totalSize(item_));
   session.send(nameRecord(item_.name, 0, folder_));
@@ -184,10 +184,11 @@ Value SendCommand::run(Session& session) {
   folder.contents(item_);
   folder.item(item_.name, false, true);
   sender.acknowledged("the end of " + shown(item_.name));
-  return result.add("files", Value::integer(static_cast<std::int64_t>(folder.files)))
-      .add("folders", Value::integer(static_cast<std::int64_t>(folder.folders)))
-      .add("bytes", Value::integer(static_cast<std::int64_t>(sender.sent())))
-      .add("skipped", Value::integer(static_cast<std::int64_t>(skipped_)));
+  result["files"] = folder.files;
+  result["folders"] = folder.folders;
+  result["bytes"] = sender.sent();
+  result["skipped"] = skipped_;
+  return result;
 }
 
 }  // namespace varloctl

@@ -27,7 +27,7 @@ struct SendItem {
   static SendItem plan(const std::string& path, std::size_t& skipped);
 };
 
-class SendCommand : public Command {
+class SendCommand : public CommandOf<SendCommand> {
  public:
   static constexpr std::uint16_t kFileCode = 18;
   static constexpr std::uint16_t kFolderCode = 19;

@@ -39,15 +39,15 @@ Value SoftwareListCommand::run(Session& session) {
   Value list = Value::array();
   for (const auto& entry : receiveList<varlo::varlo_app>(
            session, "the agent could not list its " + noun, noun, kMaxEntries, kMaxHeartbeats))
-    list.push(describe(kind_, entry));
+    list.push_back(describe(kind_, entry));
   return list;
 }
 
 Value SoftwareListCommand::describe(const Kind& kind, const varlo::varlo_app& entry) {
   // The running number is the entry's place in the list, which the array
   // keeps; it is not shown.
-  Value v = Value::object().add("name", Value::string(entry.name));
-  if (!kind.versionKey.empty()) v.add(std::string(kind.versionKey), Value::string(entry.version));
+  Value v = Value{{"name", entry.name}};
+  if (!kind.versionKey.empty()) v[std::string(kind.versionKey)] = entry.version;
   return v;
 }
 

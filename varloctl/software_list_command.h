@@ -14,7 +14,7 @@
 
 namespace varloctl {
 
-class SoftwareListCommand : public Command {
+class SoftwareListCommand : public CommandOf<SoftwareListCommand> {
  public:
   // What one list is called, and what its version field holds ("" when it
   // holds nothing).

@@ -24,33 +24,35 @@ void margin(std::string& out, int indent) { out.append(static_cast<std::size_t>(
 }  // namespace
 
 std::string TableWriter::cell(const Value& v) {
-  switch (v.kind()) {
-    case Value::Kind::Null:
+  switch (v.type()) {
+    case Value::value_t::null:
       return "-";
-    case Value::Kind::Bool:
-      return v.asBool() ? "yes" : "no";
-    case Value::Kind::Integer:
-      return std::to_string(v.asInteger());
-    case Value::Kind::String: {
-      std::string out;
-      for (char c : v.asString()) {
-        const auto u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7F) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\x%02x", u);
-          out += buf;
-        } else {
-          out += c;
-        }
-      }
-      return out;
-    }
-    case Value::Kind::Array:
+    case Value::value_t::boolean:
+      return v.get<bool>() ? "yes" : "no";
+    case Value::value_t::string:
+      return text(v.get_ref<const std::string&>());
+    case Value::value_t::array:
       return "[...]";
-    case Value::Kind::Object:
+    case Value::value_t::object:
       return "{...}";
+    default:  // numbers; commands give integers only
+      return v.dump();
   }
-  return {};
+}
+
+std::string TableWriter::text(std::string_view s) {
+  std::string out;
+  for (char c : s) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7F) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\x%02x", u);
+      out += buf;
+    } else {
+      out += c;
+    }
+  }
+  return out;
 }
 
 std::string TableWriter::label(std::string_view key) {
@@ -67,63 +69,60 @@ std::string TableWriter::heading(std::string_view key) {
 
 void TableWriter::writeObject(std::string& out, const Value& v, int indent) {
   std::size_t labelWidth = 0;
-  for (const auto& m : v.members())
-    if (m.value.isScalar()) labelWidth = std::max(labelWidth, width(label(m.key)));
-  for (const auto& m : v.members()) {
-    if (!m.value.isScalar()) continue;
+  for (const auto& [key, value] : v.items())
+    if (value.is_primitive()) labelWidth = std::max(labelWidth, width(label(key)));
+  for (const auto& [key, value] : v.items()) {
+    if (!value.is_primitive()) continue;
     margin(out, indent);
-    pad(out, label(m.key), labelWidth + 2);
-    out += cell(m.value);
+    pad(out, label(key), labelWidth + 2);
+    out += cell(value);
     out += '\n';
   }
-  for (const auto& m : v.members()) {
-    if (m.value.isScalar()) continue;
+  for (const auto& [key, value] : v.items()) {
+    if (value.is_primitive()) continue;
     if (!out.empty()) out += '\n';
     margin(out, indent);
-    out += label(m.key) + ":\n";
-    writeValue(out, m.value, indent + 2);
+    out += label(key) + ":\n";
+    writeValue(out, value, indent + 2);
   }
 }
 
 void TableWriter::writeArray(std::string& out, const Value& v, int indent) {
-  const auto& items = v.items();
-  if (items.empty()) {
+  if (v.empty()) {
     margin(out, indent);
     out += "(none)\n";
     return;
   }
-  const bool rows = std::all_of(items.begin(), items.end(),
-                                [](const Value& i) { return i.kind() == Value::Kind::Object; });
+  const bool rows = std::all_of(v.begin(), v.end(), [](const Value& i) { return i.is_object(); });
   if (!rows) {
-    for (const auto& i : items) writeValue(out, i, indent);
+    for (const auto& i : v) writeValue(out, i, indent);
     return;
   }
   // Objects holding lists of their own do not fit a row: one block each.
-  const bool nested = std::any_of(items.begin(), items.end(), [](const Value& i) {
-    return std::any_of(i.members().begin(), i.members().end(),
-                       [](const Value::Member& m) { return !m.value.isScalar(); });
+  const bool nested = std::any_of(v.begin(), v.end(), [](const Value& i) {
+    return std::any_of(i.begin(), i.end(), [](const Value& m) { return !m.is_primitive(); });
   });
   if (nested) {
-    for (std::size_t n = 0; n < items.size(); ++n) {
+    for (std::size_t n = 0; n < v.size(); ++n) {
       if (n > 0) out += '\n';
-      writeObject(out, items[n], indent);
+      writeObject(out, v[n], indent);
     }
     return;
   }
   // Columns in order of first appearance; a row without a column shows "".
   std::vector<std::string> keys;
-  for (const auto& i : items)
-    for (const auto& m : i.members())
-      if (std::find(keys.begin(), keys.end(), m.key) == keys.end()) keys.push_back(m.key);
+  for (const auto& i : v)
+    for (const auto& [key, value] : i.items())
+      if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
 
   std::vector<std::vector<std::string>> table;
   table.emplace_back();
   for (const auto& k : keys) table.back().push_back(heading(k));
-  for (const auto& i : items) {
+  for (const auto& i : v) {
     table.emplace_back();
     for (const auto& k : keys) {
-      const Value* c = i.find(k);
-      table.back().push_back(c != nullptr ? cell(*c) : std::string());
+      const auto c = i.find(k);
+      table.back().push_back(c != i.end() ? cell(*c) : std::string());
     }
   }
   std::vector<std::size_t> widths(keys.size(), 0);
@@ -144,17 +143,13 @@ void TableWriter::writeArray(std::string& out, const Value& v, int indent) {
 }
 
 void TableWriter::writeValue(std::string& out, const Value& v, int indent) {
-  switch (v.kind()) {
-    case Value::Kind::Object:
-      writeObject(out, v, indent);
-      break;
-    case Value::Kind::Array:
-      writeArray(out, v, indent);
-      break;
-    default:
-      margin(out, indent);
-      out += cell(v) + '\n';
-      break;
+  if (v.is_object()) {
+    writeObject(out, v, indent);
+  } else if (v.is_array()) {
+    writeArray(out, v, indent);
+  } else {
+    margin(out, indent);
+    out += cell(v) + '\n';
   }
 }
 

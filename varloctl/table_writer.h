@@ -14,9 +14,11 @@ class TableWriter {
  public:
   static std::string write(const Value& v);
 
-  // A scalar as one cell; control characters become \xHH so agent text
-  // cannot move the terminal's cursor.
+  // A scalar as one cell.
   static std::string cell(const Value& v);
+  // Text with its control characters as \xHH, so that agent text cannot
+  // move the terminal's cursor.
+  static std::string text(std::string_view s);
 
   // "hardware_address" -> "hardware address"; headings are upper case.
   static std::string label(std::string_view key);

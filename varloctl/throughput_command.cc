@@ -45,10 +45,8 @@ Value ThroughputCommand::run(Session& session) {
     session.receive(data.data(), data.size());
     const auto us =
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
-    rows.push(Value::object()
-                  .add("partition", Value::string(name))
-                  .add("microseconds", Value::integer(us))
-                  .add("megabytes_per_second", Value::string(rateText(kBlock, us))));
+    rows.push_back(Value{
+        {"partition", name}, {"microseconds", us}, {"megabytes_per_second", rateText(kBlock, us)}});
     // The go-ahead for the next partition.
     session.send(varlo::varlo_cmd_header::Bytes{});
   }

@@ -11,7 +11,7 @@
 
 namespace varloctl {
 
-class ThroughputCommand : public Command {
+class ThroughputCommand : public CommandOf<ThroughputCommand> {
  public:
   static constexpr std::uint16_t kCode = 24;
   static constexpr std::size_t kBlock = 1024 * 1024;

@@ -48,19 +48,19 @@ std::unique_ptr<Command> UpdateCommand::make(const std::vector<std::string>& arg
 
 Value UpdateCommand::run(Session& session) {
   std::size_t at = 0;
-  const auto read = [this, &at](std::uint8_t* data, std::size_t len) {
-    const std::size_t n = std::min(len, archive_.size() - at);
-    std::memcpy(data, archive_.data() + at, n);
+  const std::vector<std::uint8_t>& archive = *archive_;
+  const auto read = [&archive, &at](std::uint8_t* data, std::size_t len) {
+    const std::size_t n = std::min(len, archive.size() - at);
+    std::memcpy(data, archive.data() + at, n);
     at += n;
     return n;
   };
   const auto bytes = SendCommand::sendOne(session, progress_, kArchiveName, kPackageFolder, false,
-                                          archive_.size(), read);
-  return Value::object()
-      .add("package", Value::string(name_))
-      .add("archive", Value::string(kArchiveName))
-      .add("bytes", Value::integer(static_cast<std::int64_t>(bytes)))
-      .add("installing", Value::string("in the background; the agent restarts when done"));
+                                          archive.size(), read);
+  return Value{{"package", name_},
+               {"archive", kArchiveName},
+               {"bytes", static_cast<std::int64_t>(bytes)},
+               {"installing", "in the background; the agent restarts when done"}};
 }
 
 }  // namespace varloctl

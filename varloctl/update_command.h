@@ -11,7 +11,7 @@
 
 namespace varloctl {
 
-class UpdateCommand : public Command {
+class UpdateCommand : public CommandOf<UpdateCommand> {
  public:
   static constexpr std::uint16_t kCode = 18;
   static constexpr std::uint32_t kPackageFolder = 0x58585859;  // 'XXXY'
@@ -21,14 +21,16 @@ class UpdateCommand : public Command {
   // Refuses a file that is not a .deb or .rpm, or cannot be read.
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);
   UpdateCommand(std::string name, std::vector<std::uint8_t> archive)
-      : name_(std::move(name)), archive_(std::move(archive)) {}
+      : name_(std::move(name)),
+        archive_(std::make_shared<const std::vector<std::uint8_t>>(std::move(archive))) {}
   std::uint16_t code() const override { return kCode; }
   void setProgress(Progress* progress) override { progress_ = progress; }
   Value run(Session& session) override;
 
  private:
   std::string name_;
-  std::vector<std::uint8_t> archive_;
+  // Up to 1 GiB, read once however many hosts it goes to.
+  std::shared_ptr<const std::vector<std::uint8_t>> archive_;
   Progress* progress_ = nullptr;
 };
 

@@ -14,7 +14,7 @@ Value VolumesCommand::run(Session& session) {
   Value list = Value::array();
   for (const auto& v :
        receiveList<varlo::varlo_volume>(session, "the agent could not list its volumes", "volumes"))
-    list.push(describe(v));
+    list.push_back(describe(v));
   return list;
 }
 
@@ -26,11 +26,10 @@ Value VolumesCommand::describe(const varlo::varlo_volume& entry) {
   // A name of 32 characters ends on the flag byte, so its remote bit is a
   // character's and says nothing.
   const bool known = entry.name.size() < varlo::varlo_volume::kMaxName;
-  return Value::object()
-      .add("name", Value::string(entry.name))
-      .add("remote", known ? Value::boolean(entry.remote) : Value())
-      .add("total_mib", Value::string(mebibytes(entry.total)))
-      .add("free_mib", Value::string(mebibytes(entry.free)));
+  return Value{{"name", entry.name},
+               {"remote", known ? Value(entry.remote) : Value()},
+               {"total_mib", mebibytes(entry.total)},
+               {"free_mib", mebibytes(entry.free)}};
 }
 
 }  // namespace varloctl

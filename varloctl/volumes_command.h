@@ -11,7 +11,7 @@
 
 namespace varloctl {
 
-class VolumesCommand : public Command {
+class VolumesCommand : public CommandOf<VolumesCommand> {
  public:
   explicit VolumesCommand(bool localOnly) : localOnly_(localOnly) {}
   static std::unique_ptr<Command> make(const std::vector<std::string>& arguments);

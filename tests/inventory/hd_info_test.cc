@@ -202,7 +202,7 @@ TEST(VolumesCommand, TableInMebibytesWithoutARemoteMarkFor32CharacterNames) {
   for (const varlo::varlo_volume& v :
        {varlo::varlo_volume{"/", false, 10239, 5119}, {"/mnt/nfs", true, 19073407, 9536703},
         {"/mnt/projects/engineering/archiv", true, 9536703, 9}})
-    volumes.push(varloctl::VolumesCommand::describe(v));
+    volumes.push_back(varloctl::VolumesCommand::describe(v));
   // The 32-character name's last character sits on the flag byte: no mark.
   EXPECT_EQ(varloctl::TableWriter::write(volumes),
             "NAME                              REMOTE  TOTAL MIB  FREE MIB\n"

@@ -115,9 +115,9 @@ TEST(PciList, FourToABatchSlotsReusedAndVarloctlReadsThemBack) {
   varloctl::Session session(UniqueFd(fds[1]), "test", 2000);
   const varloctl::Value list = varloctl::PciCommand().run(session);
   std::vector<std::string> rows;
-  for (const auto& d : list.items())
-    rows.push_back(d.find("vendor_id")->asString() + " " + d.find("slot")->asString() + " " +
-                   d.find("name")->asString() + " / " + d.find("type")->asString());
+  for (const auto& d : list)
+    rows.push_back(d.at("vendor_id").get<std::string>() + " " + d.at("slot").get<std::string>() +
+                   " " + d.at("name").get<std::string>() + " / " + d.at("type").get<std::string>());
   std::sort(rows.begin(), rows.end());
   EXPECT_EQ(rows, collect(kFixture));
 }

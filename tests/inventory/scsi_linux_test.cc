@@ -88,8 +88,8 @@ TEST(ScsiRecords, SevenSlotsARecordTextsCutOrZeroFilledAndVarloctlReadsThemBack)
   for (const auto& b : rec.blocks) ASSERT_EQ(send(agent.get(), b.data(), b.size(), 0), 224);
   varloctl::Session session(UniqueFd(fds[1]), "test", 2000);
   const varloctl::Value list = varloctl::ScsiCommand().run(session);
-  ASSERT_EQ(list.items().size(), 8u);
-  EXPECT_EQ(list.items()[0].find("vendor")->asString(), "ATA");  // without the padding
-  EXPECT_EQ(list.items()[0].find("type_name")->asString(), "Direct-Access");
-  EXPECT_EQ(list.items()[7].find("type_name")->asString(), "Unknown");  // a code past the table
+  ASSERT_EQ(list.size(), 8u);
+  EXPECT_EQ(list[0].at("vendor"), "ATA");  // without the padding
+  EXPECT_EQ(list[0].at("type_name"), "Direct-Access");
+  EXPECT_EQ(list[7].at("type_name"), "Unknown");  // a code past the table
 }

@@ -19,11 +19,12 @@ using Args = std::vector<std::string>;
 std::string parsed(const Args& args, const std::optional<std::string>& env = std::nullopt) {
   try {
     const Invocation inv = ArgParser::parse(args, env);
-    const char* mode[] = {"help", "discover", "command"};
+    const char* mode[] = {"print", "discover", "command"};
     return std::string(mode[static_cast<int>(inv.mode)]) + " " + inv.target + ":" +
            std::to_string(inv.port) + " " + std::to_string(inv.timeoutMs) +
            "ms pw=" + inv.password + (inv.json ? " json" : "") +
-           (inv.broadcast ? " broadcast" : "") +
+           (inv.broadcast ? " broadcast" : "") + (inv.hostsOnly ? " hosts-only" : "") +
+           (inv.fleet ? " fleet/" + std::to_string(inv.parallel) : "") +
            (inv.command ? " code=" + std::to_string(inv.command->code()) : "");
   } catch (const CtlError& e) {
     EXPECT_EQ(e.status(), kUsage) << e.what();
@@ -59,21 +60,40 @@ TEST(VarloctlArgs, WhatTheCommandLineComesTo) {
        "error: the number of days (--days) must be a number from 0 to 3650"},
       {{"h", "census", "--days", "-1"}, "error: the number of days (--days) must be a number"},
       {{"h", "profiler", "--days", "1.5"}, "error: the number of days (--days) must be a number"},
-      {{"h", "profiler", "--days="}, "error: the number of days (--days) must be a number"},
+      {{"h", "profiler", "--days="},
+       "error: --days: 1 required N missing (see varloctl profiler --help)"},
       {{"h", "census", "--days", "99999999999999999999"},
        "error: the number of days (--days) must be a number"},
-      {{"h", "census", "--days"}, "error: --days needs a value"},
+      {{"h", "census", "--days"}, "error: --days: 1 required N missing"},
       {{"h", "fonts", "--days", "3"}, "error: --days applies to census and profiler only"},
       {{"discover", "--days", "3"}, "error: --days applies to census and profiler only"},
-      {{"h", "census", "7"}, "error: usage: varloctl [OPTIONS] HOST census [--days N]"},
+      {{"h", "census", "7"},
+       "error: unexpected argument '7' after census (see varloctl census --help)"},
       {{"discover"}, "discover 255.255.255.255:4347 2000ms pw= broadcast"},
       {{"discover", "10.1.2.3", "--timeout", "3"}, "discover 10.1.2.3:4347 3000ms pw="},
-      {{"h", "bogus", "--help"}, "help :0 10000ms pw="},
-      {{}, "error: missing HOST and COMMAND"},
+      {{"h", "bogus", "--help"}, "print :0 10000ms pw="},
+      {{"--version", "h", "network"}, "print :0 10000ms pw="},
+      // A command's options may come before it; given twice they are refused.
+      {{"--days", "7", "h", "census"}, "command h:4347 10000ms pw= code=23"},
+      {{"--days", "7", "h", "census", "--days=8"}, "error: --days is given twice"},
+      {{"h", "census", "--days", "7", "--days=8"}, "error: --days: At Most 1 required"},
+      // Only the syntax makes a fleet, not the number of hosts.
+      {{"--parallel", "1024", "a,b", "config"}, "command a,b:4347 10000ms pw= fleet/1024 code=1"},
+      {{"@hosts", "config"}, "command @hosts:4347 10000ms pw= fleet/32 code=1"},
+      {{"10.0.0.0/30", "config", "--parallel=7"},
+       "command 10.0.0.0/30:4347 10000ms pw= fleet/7 code=1"},
+      {{"--parallel", "0", "a,b", "config"}, "error: --parallel: Value 0 not in range 1 to 1024"},
+      {{"--parallel", "1025", "a,b", "config"}, "error: --parallel: Value 1025 not in range"},
+      {{"discover", "--hosts-only"},
+       "discover 255.255.255.255:4347 2000ms pw= broadcast hosts-only"},
+      {{"h", "config", "--hosts-only"}, "error: unknown option '--hosts-only'"},
+      {{}, "error: missing HOSTS and COMMAND"},
       {{"h"}, "error: missing COMMAND after h"},
+      {{"census"}, "error: missing HOSTS before census"},
+      {{"h", "discover"}, "error: discover takes its HOST after it: varloctl discover h"},
       {{"h", "rebooot"}, "error: unknown command 'rebooot'"},
       {{"h", "notes"}, "error: 'notes' needs one of: get, set"},
-      {{"h", "notes", "set", "1"}, "error: usage: varloctl [OPTIONS] HOST notes set INDEX TEXT"},
+      {{"h", "notes", "set", "1"}, "error: TEXT is required (see varloctl notes set --help)"},
       {{"h", "notes", "set", "10", "x"}, "error: the note index must be a number from 0 to 9"},
       {{"h", "notes", "set", "1", std::string(256, 'x')}, "error: the note text has 256 bytes"},
       {{"h", "notes", "set", "1", "two\nlines"}, "error: the note text must be a single line"},
@@ -84,8 +104,8 @@ TEST(VarloctlArgs, WhatTheCommandLineComesTo) {
       {{"h", "password", "eightchr"}, "error: the new password has 8 characters"},
       {{"--password", "eightchr", "h", "network"}, "error: the password has 8 characters"},
       {{"h", "network"}, "error: the password has 8 characters", "eightchr"},
-      {{"--password"}, "error: --password needs a value"},
-      {{"--json=yes", "h", "network"}, "error: --json takes no value"},
+      {{"--password"}, "error: --password: 1 required P missing"},
+      {{"--json=yes", "h", "network"}, "error: json was given a disallowed flag override"},
       {{"--verbose", "h", "network"}, "error: unknown option '--verbose'"},
       {{"--port", "0", "h", "network"}, "error: the port must not be 0"},
       {{"--port", "65536", "h", "network"}, "error: the port must be a number"},
@@ -111,15 +131,21 @@ TEST(VarloctlJson, EscapesAlwaysYieldUtf8) {
       {"a\"b\\c/", R"("a\"b\\c/")"},
       {"\n\r\t\b\f", R"("\n\r\t\b\f")"},
       {std::string("\x01\x1f\x7f\0z", 5), R"("\u0001\u001f\u007f\u0000z")"},
+      // C1 controls, which some terminals obey, stay escapes too.
+      {std::string("a\xc2\x9b") + "b", R"("a\u009bb")"},
       // Well-formed UTF-8 passes through, up to four-byte sequences.
       {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
        "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
       // Anything else is read byte by byte as Latin-1: a lone 0xE9, an
       // overlong '/', an encoded surrogate, a sequence cut off at the end.
-      {"caf\xe9", R"("caf\u00e9")"},
-      {"\xc0\xaf", R"("\u00c0\u00af")"},
-      {"\xed\xa0\x80", R"("\u00ed\u00a0\u0080")"},
-      {"x\xe2\x82", R"("x\u00e2\u0082")"},
+      {"caf\xe9", "\"caf\xc3\xa9\""},
+      {"\xc0\xaf", "\"\xc3\x80\xc2\xaf\""},
+      {"\xed\xa0\x80", "\"\xc3\xad\xc2\xa0\\u0080\""},
+      {"x\xe2\x82", "\"x\xc3\xa2\\u0082\""},
   };
-  for (const auto& c : cases) EXPECT_EQ(JsonWriter::quote(c.text), c.json);
+  for (const auto& c : cases) EXPECT_EQ(JsonWriter::write(Value(c.text)), c.json + "\n");
+  // Keys and strings deep in the tree alike; empty containers stay on their line.
+  const Value tree = {{"caf\xe9", Value::array({"\x7f", Value::object(), Value::array()})}};
+  EXPECT_EQ(JsonWriter::write(tree),
+            "{\n  \"caf\xc3\xa9\": [\n    \"\\u007f\",\n    {},\n    []\n  ]\n}\n");
 }
