@@ -136,10 +136,11 @@ TEST(VarloctlFleetLimits, WorkersFitUnderTheLimitOfOpenFiles) {
     std::string warning;
     EXPECT_EQ(Fleet::workersFor(c.wanted, c.limit, c.open, warning), c.want) << c.limit;
     EXPECT_EQ(!warning.empty(), c.warned) << warning;
-    if (c.warned)
+    if (c.warned) {
       EXPECT_NE(warning.find("--parallel " + std::to_string(c.wanted) + " lowered to " +
                              std::to_string(c.want)),
                 std::string::npos)
           << warning;
+    }
   }
 }
