@@ -34,7 +34,19 @@ std::vector<std::string> installerCommand(const std::string& packagePath,
                                           const std::string& outputLog) {
   std::vector<std::string> command;
   if (const std::string dpkg = UserProcess::findProgram("dpkg", settings.searchPath); !dpkg.empty()) {
-    command = {dpkg, "--install", "--recursive", packagePath};
+    const std::string dpkgDeb = UserProcess::findProgram("dpkg-deb", settings.searchPath);
+    if (dpkgDeb.empty()) {
+      command = {dpkg, "--install", "--recursive", packagePath};
+    } else {
+      // Every package read whole first: dpkg stops and restarts the running
+      // agent before it finds a damaged package's data cut short.
+      command = {settings.shell, "-c",
+                 "for p in \"$1\"/*.deb; do [ -e \"$p\" ] || continue; "
+                 "\"$2\" --fsys-tarfile \"$p\" >/dev/null || "
+                 "{ echo \"$p is damaged: nothing was installed\"; exit 1; }; done; "
+                 "exec \"$0\" --install --recursive \"$1\"",
+                 dpkg, packagePath, dpkgDeb};
+    }
   } else if (const std::string rpm = UserProcess::findProgram("rpm", settings.searchPath);
              !rpm.empty()) {
     // The package files are known once the archive is unpacked.

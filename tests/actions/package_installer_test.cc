@@ -58,25 +58,45 @@ TEST(PackageInstaller, CommandLineWithAndWithoutTheServiceManager) {
   EXPECT_TRUE(installerCommand("/tmp/Varlo.pkg", s).empty());
 }
 
-// A truncated archive and a package the installer rejects: the log says why.
-TEST(PackageInstaller, TheLogHoldsWhatTarAndTheInstallerSaid) {
-  test_support::TempDir dir;
-  std::filesystem::create_directories(dir / "bin");
-  tool(dir / "bin/dpkg", "echo \"dpkg: error processing archive $3\" >&2\nexit 1\n");
-  test_support::spit(dir / "Varlo.pkg.tar.gz", std::string("\x1f\x8b\x08\x00garbage", 12));
-  InstallSettings s;
-  s.searchPath = dir / "bin";
-  s.systemdMarker = dir / "no-systemd";
-  s.log = dir / "install.log";
-  s.workDir = dir.path;
-  const pid_t pid = replaceVL(dir.path + "/", "Varlo.pkg.tar.gz", s);
-  ASSERT_GT(pid, 0);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  const std::string log = test_support::slurp(dir / "install.log").value_or("");
-  EXPECT_THAT(log, HasSubstr("gzip: stdin: unexpected end of file"));
-  EXPECT_THAT(log, HasSubstr("Package is located at: " + dir / "Varlo.pkg\n"));
-  EXPECT_THAT(log, HasSubstr("dpkg: error processing archive " + dir / "Varlo.pkg\n"));
+// A truncated archive, a package the installer rejects, a package whose
+// data is cut short: the log says why, and a damaged package never reaches
+// the installer (which would stop the running agent first).
+TEST(PackageInstaller, TheLogSaysWhyNothingWasInstalled) {
+  struct Case {
+    bool goodArchive;
+    bool withDpkgDeb;
+    std::vector<std::string> said;
+    bool installerRan;
+  };
+  for (const Case& c :
+       {Case{false, false, {"gzip: stdin: unexpected end of file", "Package is located at: ",
+                            "dpkg: error processing archive "}, true},
+        Case{true, true, {"dpkg-deb: unexpected end of data", "x_1.0_all.deb is damaged: nothing was installed"},
+             false}}) {
+    test_support::TempDir dir;
+    std::filesystem::create_directories(dir / "bin");
+    tool(dir / "bin/dpkg", "echo ran > " + dir / "ran\necho \"dpkg: error processing archive $3\" >&2\nexit 1\n");
+    if (c.withDpkgDeb) tool(dir / "bin/dpkg-deb", "echo 'dpkg-deb: unexpected end of data' >&2\nexit 2\n");
+    if (c.goodArchive) {
+      std::filesystem::create_directories(dir / "src/Varlo.pkg");
+      test_support::spit(dir / "src/Varlo.pkg/x_1.0_all.deb", "half a package");
+      ASSERT_EQ(std::system(("tar -czf " + dir / "Varlo.pkg.tar.gz" + " -C " + dir / "src Varlo.pkg").c_str()), 0);
+    } else {
+      test_support::spit(dir / "Varlo.pkg.tar.gz", std::string("\x1f\x8b\x08\x00garbage", 12));
+    }
+    InstallSettings s;
+    s.searchPath = dir / "bin";
+    s.systemdMarker = dir / "no-systemd";
+    s.log = dir / "install.log";
+    s.workDir = dir.path;
+    const pid_t pid = replaceVL(dir.path + "/", "Varlo.pkg.tar.gz", s);
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    const std::string log = test_support::slurp(dir / "install.log").value_or("");
+    for (const auto& text : c.said) EXPECT_THAT(log, HasSubstr(text));
+    EXPECT_EQ(std::filesystem::exists(dir / "ran"), c.installerRan) << log;
+  }
 }
 
 }  // namespace

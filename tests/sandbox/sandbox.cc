@@ -86,6 +86,7 @@ std::string addStandIns() {
   TRY(writeStandIn("/usr/local/bin/notify-send"));
   TRY(writeStandIn("/usr/local/bin/xdg-open"));
   TRY(writeStandIn("/usr/local/sbin/dpkg"));
+  TRY(writeStandIn("/usr/local/sbin/dpkg-deb"));
   const std::string layers = rootDir + "/.sandbox/sbin";
   if (!mkdirs(layers + "/upper") || !mkdirs(layers + "/work")) return failure("mkdir overlay");
   const std::string options = "lowerdir=" + rootDir + "/usr/sbin,upperdir=" + layers +
