@@ -76,7 +76,9 @@ std::vector<std::string> installerCommand(const std::string& packagePath,
 pid_t replaceVL(const std::string& folder, const std::string& fileName,
                 const InstallSettings& settings) {
   // Everything the child needs, made before the fork.
-  std::vector<std::string> untar = {settings.shell, "-c", "tar -xzf " + folder + fileName};
+  // A package left by an earlier update must not be installed with this one.
+  std::vector<std::string> untar = {settings.shell, "-c",
+                                    "rm -rf -- " + folder + "Varlo.pkg; tar -xzf " + folder + fileName};
   const std::string packagePath = (folder + "Varlo.pkg").substr(0, 200);
   // Opened here, before the fork, so that the unit the installer may become
   // appends to the very file the agent created: a regular file of root's in

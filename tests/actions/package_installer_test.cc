@@ -84,6 +84,8 @@ TEST(PackageInstaller, TheLogSaysWhyNothingWasInstalled) {
     } else {
       test_support::spit(dir / "Varlo.pkg.tar.gz", std::string("\x1f\x8b\x08\x00garbage", 12));
     }
+    std::filesystem::create_directories(dir / "Varlo.pkg");
+    test_support::spit(dir / "Varlo.pkg/left_by_an_earlier_update.deb", "");
     InstallSettings s;
     s.searchPath = dir / "bin";
     s.systemdMarker = dir / "no-systemd";
@@ -96,6 +98,7 @@ TEST(PackageInstaller, TheLogSaysWhyNothingWasInstalled) {
     const std::string log = test_support::slurp(dir / "install.log").value_or("");
     for (const auto& text : c.said) EXPECT_THAT(log, HasSubstr(text));
     EXPECT_EQ(std::filesystem::exists(dir / "ran"), c.installerRan) << log;
+    EXPECT_FALSE(std::filesystem::exists(dir / "Varlo.pkg/left_by_an_earlier_update.deb"));
   }
 }
 
