@@ -37,6 +37,7 @@ box_install_log() {
   in_box sh -c 'for f in /tmp/vlinstall.log /tmp/systemd-private-*-varlo.service-*/tmp/vlinstall.log; do
                   [ -f "$f" ] && exec cat "$f"; done; exit 1'
 }
+box_install_log_has() { box_install_log 2>/dev/null | grep -qF "$1"; }
 box_forget_install_log() {
   in_box sh -c 'rm -f /tmp/vlinstall.log /tmp/systemd-private-*-varlo.service-*/tmp/vlinstall.log'
 }
@@ -119,12 +120,20 @@ package_scenario() {
   newname=$(basename "$newer")
   size=$(stat -c %s "$newer")
   head -c $((size / 2)) "$newer" >"$BOX_WORK/$truncname"
+  # The newer package with a postinst that fails: it still leaves an agent.
+  local failname=varlo_failing.deb
+  dpkg-deb -R "$newer" "$BOX_WORK/failing"
+  sed -i '1a echo "varlo: this build fails in its postinst on purpose" >&2; exit 1' \
+    "$BOX_WORK/failing/DEBIAN/postinst"
+  sed -i "s/^Version: .*/Version: ${new_ver}+failing1/" "$BOX_WORK/failing/DEBIAN/control"
+  dpkg-deb --root-owner-group -b "$BOX_WORK/failing" "$BOX_WORK/$failname" >/dev/null
 
   build_or_reuse_root
   boot
   copy_in "$deb" "$SCENARIO_DIR/$debname"
   copy_in "$newer" "$SCENARIO_DIR/$newname"
   copy_in "$BOX_WORK/$truncname" "$SCENARIO_DIR/$truncname"
+  copy_in "$BOX_WORK/$failname" "$SCENARIO_DIR/$failname"
   copy_in "$ctl" "$SCENARIO_CTL"
   in_box chmod 0755 "$SCENARIO_CTL"
   echo "ok: copied both packages, a truncated copy of the newer one and varloctl into the box"
@@ -198,6 +207,17 @@ package_scenario() {
   box_package_sound "$new_ver"
   check "the password is kept across the update" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
   check_exit "the empty password is still refused with status 3" 3 box_ctl 127.0.0.1 config
+
+  # --- an update whose maintainer script fails still leaves an agent answering
+  box_forget_install_log
+  check "varloctl update $failname is sent" \
+    box_ctl --password "$SCENARIO_PW" 127.0.0.1 update "$SCENARIO_DIR/$failname"
+  box_update_settled 60 || { box_update_diagnostics; box_fail "the failing update did not finish within 60 s"; }
+  check "an agent still answers after the failed update" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
+  check_eq "dpkg-query: varlo is half-configured" "half-configured" \
+    in_box dpkg-query -W -f='${db:Status-Status}' varlo
+  check "dpkg --audit names varlo" in_box sh -c 'dpkg --audit | grep -q varlo'
+  check "/tmp/vlinstall.log has the failure" box_install_log_has 'fails in its postinst on purpose'
 
   # --- remove keeps the preferences, purge takes them
   check "apt remove varlo" in_box apt-get remove -y varlo
