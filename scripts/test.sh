@@ -21,8 +21,7 @@ echo "== Debian package: built (or reused) and checked, lintian included"
 
 echo "== container test: the package installed, updated to a newer build, removed and purged"
 # A newer build of the same code: the next version up. Where no package
-# could be built here, the harness checks itself with a package of its own;
-# where no box can run, it prints "SKIP: reason" and goes on.
+# could be built, or no box can run, it says "SKIP: reason" and goes on.
 version=$(sed -n 's/^project(varlo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 IFS=. read -r major minor patch <<<"$version"
 if [ "$patch" -lt 15 ]; then newer=$major.$minor.$((patch + 1)); else newer=$major.$((minor + 1)).0; fi
@@ -31,7 +30,7 @@ if [ -f "build-pkg/varlo_${version}_$arch.deb" ]; then
   ./scripts/package.sh --reuse --no-lintian --version "$newer"
   tests/container/run.sh "build-pkg/varlo_${version}_$arch.deb" "build-pkg/varlo_${newer}_$arch.deb"
 else
-  tests/container/run.sh --self-check
+  echo "SKIP: no package was built here (see the package check above)"
 fi
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"

@@ -67,7 +67,7 @@ struct Parsed {
   std::vector<CLI::Option*> options;  // in the order of spec->options
 };
 
-// The subcommand for spec's words under app, made on first use (the first
+// The subcommand for the command's words under app, made on first use (the first
 // word of "notes get" and "notes set" is one subcommand).
 CLI::App* subcommandFor(CLI::App& app, std::string_view name) {
   CLI::App* at = &app;

@@ -2,8 +2,6 @@
 # Boots a throwaway Debian root with systemd and drives a Debian package in it.
 #
 #   tests/container/run.sh DEB NEWER_DEB   the agent's package, then its update
-#   tests/container/run.sh --self-check    the harness alone, with a package it makes
-#   tests/container/run.sh                 same as --self-check
 #
 # Where the box cannot run (not root, tools not installable, archive out of
 # reach, cgroups) it prints "SKIP: reason" and exits 0; any failed check
@@ -15,23 +13,16 @@ repo=$(cd "$here/../.." && pwd)
 BOX_LIB="$here/lib.sh"
 # shellcheck source=tests/container/lib.sh
 . "$BOX_LIB"
-# shellcheck source=tests/container/self_check.sh
-. "$here/self_check.sh"
 # shellcheck source=tests/container/package_scenario.sh
 . "$here/package_scenario.sh"
 
 usage() {
-  echo "usage: $0 [--self-check | DEB NEWER_DEB]" >&2
+  echo "usage: $0 DEB NEWER_DEB" >&2
   exit 2
 }
 
-mode=self-check
-case $# in
-  0) ;;
-  1) [ "$1" = --self-check ] || usage ;;
-  2) mode="package scenario"; deb=$(realpath -e "$1") && newer=$(realpath -e "$2") || usage ;;
-  *) usage ;;
-esac
+[ $# -eq 2 ] || usage
+deb=$(realpath -e "$1") && newer=$(realpath -e "$2") || usage
 
 [ "$(id -u)" -eq 0 ] || box_skip "needs root (systemd-nspawn, a tmpfs and cgroups)"
 "$repo/scripts/deps.sh" container ||
@@ -55,16 +46,12 @@ trap 'echo "terminated" >&2; exit 143' TERM
 
 t0=$(box_now)
 box_workdir
-if [ "$mode" != self-check ]; then
-  # varloctl comes out of the package under test, not out of this tree.
-  mkdir -p "$BOX_WORK/ctl"
-  dpkg-deb --fsys-tarfile "$deb" |
-    tar -x -C "$BOX_WORK/ctl" --wildcards '*usr/bin/varloctl' ||
-    box_fail "$deb holds no /usr/bin/varloctl"
-  package_scenario "$deb" "$newer" "$BOX_WORK/ctl/usr/bin/varloctl"
-else
-  self_check
-fi
+# varloctl comes out of the package under test, not out of this tree.
+mkdir -p "$BOX_WORK/ctl"
+dpkg-deb --fsys-tarfile "$deb" |
+  tar -x -C "$BOX_WORK/ctl" --wildcards '*usr/bin/varloctl' ||
+  box_fail "$deb holds no /usr/bin/varloctl"
+package_scenario "$deb" "$newer" "$BOX_WORK/ctl/usr/bin/varloctl"
 cleanup || box_fail "cleanup left something behind"
 box_check_clean
-echo "== container test passed ($mode) in $(box_since "$t0") s"
+echo "== container test passed in $(box_since "$t0") s"
