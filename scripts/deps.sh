@@ -27,10 +27,9 @@ if [ "${1:-}" = "bench" ]; then
 fi
 if [ "${1:-}" = "package" ]; then
   # man-db and groff-base let lintian check the man pages; the package's
-  # check (tests/package/check.sh) runs the completion with bash-completion
-  # and the packaged agent with iproute2 and python3.
+  # check (tests/package/check.sh) runs the completion with bash-completion.
   packages+=(build-essential debhelper dpkg-dev fakeroot lintian man-db groff-base
-             bash-completion iproute2 python3)
+             bash-completion)
 fi
 if [ "${1:-}" = "container" ]; then
   packages=(mmdebstrap systemd-container zstd util-linux procps)

@@ -229,6 +229,7 @@ package_scenario() {
   check "apt purge varlo" in_box apt-get purge -y varlo
   check "dpkg knows nothing more of varlo" box_pkg_gone varlo
   check "the purge removed /var/lib/VarloPrefs" in_box sh -c '! test -e /var/lib/VarloPrefs'
+  check "the purge removed the agent's log" in_box sh -c '! test -e /var/log/Varlo.log'
 
   power_off 30 || box_fail "the box did not power off in order within 30 s"
   echo "ok: the box powered off in order"
