@@ -3,6 +3,8 @@
 #
 #   build_or_reuse_root   BOX_TARBALL: the cached root tarball, built when missing
 #   boot                  extract it onto a tmpfs, boot it, wait until it runs
+#   box_wait_stopped S    the box stops by itself; BOX_EXIT: 0 power-off, 133 reboot
+#   box_start             boot the same root again
 #   in_box CMD...         run CMD inside (all of the box's namespaces, clean env)
 #   copy_in HOSTFILE PATH copy a file from this host into the box
 #   wait_running [S]      until systemd inside says running (or degraded)
@@ -264,7 +266,13 @@ boot() {
   tar --zstd -xpf "$BOX_TARBALL" -C "$BOX_ROOT" ||
     box_fail "cannot extract $BOX_TARBALL"
   box_make_cgroups
+  box_start || return 1
+  box_say "booted in $(box_since "$t0") s (systemd-nspawn $BOX_NSPAWN_PID, init $BOX_INIT_PID)"
+}
 
+# Starts systemd-nspawn on the extracted root, whether fresh or left by an
+# earlier boot, and waits until the box's systemd runs.
+box_start() {
   # setsid: a Ctrl-C at the terminal reaches this script, whose trap powers
   # the box off in order, not systemd-nspawn directly.
   (
@@ -272,7 +280,7 @@ boot() {
     exec setsid systemd-nspawn -D "$BOX_ROOT" --boot --private-network \
       --register=no --keep-unit --console=read-only --link-journal=no \
       --hostname="$BOX_HOSTNAME"
-  ) </dev/null >"$BOX_WORK/console.log" 2>&1 &
+  ) </dev/null >>"$BOX_WORK/console.log" 2>&1 &
   BOX_NSPAWN_PID=$!
 
   # The container's init is systemd-nspawn's child in a PID namespace of its own.
@@ -297,8 +305,25 @@ boot() {
     sleep 0.1
   done
   [ -n "$BOX_INIT_PID" ] || { box_console_tail; box_fail "the box's init did not start within 30 s"; }
-  wait_running || return 1
-  box_say "booted in $(box_since "$t0") s (systemd-nspawn $BOX_NSPAWN_PID, init $BOX_INIT_PID)"
+  wait_running
+}
+
+# The box stops by itself (a power-off or reboot asked from inside) within
+# LIMIT seconds; BOX_EXIT is systemd-nspawn's status: 0 after a power-off,
+# 133 after a reboot. Returns 1, the box left running, when it overstays.
+BOX_EXIT=""
+box_wait_stopped() {
+  local limit=$1 start
+  start=$SECONDS
+  while box_alive "$BOX_NSPAWN_PID"; do
+    ((SECONDS - start < limit)) || return 1
+    sleep 0.2
+  done
+  BOX_EXIT=0
+  wait "$BOX_NSPAWN_PID" 2>/dev/null || BOX_EXIT=$?
+  BOX_LAST_INIT_PID=$BOX_INIT_PID
+  BOX_INIT_PID=""
+  BOX_NSPAWN_PID=""
 }
 
 # CMD inside the box: its namespaces, root and a clean environment.

@@ -1,6 +1,7 @@
 # The agent's Debian package in a booted box: install, inventory, password
 # across a restart, a refused truncated update, the agent's self-update to
-# the newer package, remove and purge. Sourced by run.sh after lib.sh;
+# the newer package, another user's process ended, a reboot asked of the
+# agent, a failing update, remove and purge. Sourced by run.sh after lib.sh;
 # package_scenario DEB NEWER_DEB VARLOCTL, VARLOCTL being the varloctl taken
 # out of DEB on this host.
 
@@ -207,6 +208,29 @@ package_scenario() {
   box_package_sound "$new_ver"
   check "the password is kept across the update" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
   check_exit "the empty password is still refused with status 3" 3 box_ctl 127.0.0.1 config
+
+  # --- the agent ends another user's process in another unit
+  local victim
+  check "a process of nobody's runs in a unit of its own" \
+    in_box systemd-run --quiet --unit=varlo-victim -p User=nobody sleep 600
+  victim=$(box_main_pid varlo-victim.service)
+  check "varloctl kill $victim ends it" box_ctl --password "$SCENARIO_PW" 127.0.0.1 kill "$victim"
+  wait_until "varlo-victim.service has stopped" 10 \
+    in_box sh -c '! systemctl -q is-active varlo-victim.service' || exit 1
+
+  # --- the agent reboots its host from inside the service's sandbox, and the
+  # service comes back by itself at boot
+  check "varloctl reboot --yes is answered" \
+    box_ctl --password "$SCENARIO_PW" 127.0.0.1 reboot --yes
+  box_wait_stopped 60 || box_fail "the box did not reboot within 60 s of the agent's reboot"
+  [ "$BOX_EXIT" = 133 ] ||
+    box_fail "systemd-nspawn ended with status $BOX_EXIT, not 133 (a reboot)"
+  echo "ok: the agent rebooted the box (systemd-nspawn ended with 133)"
+  box_start || exit 1
+  box_say "booted again (systemd-nspawn $BOX_NSPAWN_PID, init $BOX_INIT_PID)"
+  wait_until "varlo answers after the reboot" 30 box_ctl discover 127.0.0.1 || exit 1
+  box_package_sound "$new_ver"
+  check "the password is kept across the reboot" box_ctl_pw "$SCENARIO_PW" 127.0.0.1 config
 
   # --- an update whose maintainer script fails still leaves an agent answering
   box_forget_install_log
