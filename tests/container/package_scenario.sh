@@ -1,9 +1,9 @@
 # The agent's Debian package in a booted box: install, inventory, password
 # across a restart, a refused truncated update, the agent's self-update to
-# the newer package, another user's process ended, a reboot asked of the
-# agent, a failing update, remove and purge. Sourced by run.sh after lib.sh;
-# package_scenario DEB NEWER_DEB VARLOCTL, VARLOCTL being the varloctl taken
-# out of DEB on this host.
+# the newer package, another user's process ended, a clock the box
+# refuses, a reboot asked of the agent, a failing update, remove and purge.
+# Sourced by run.sh after lib.sh; package_scenario DEB NEWER_DEB VARLOCTL,
+# VARLOCTL being the varloctl taken out of DEB on this host.
 
 SCENARIO_PW=n3wpass          # the agent keeps at most 7 characters
 SCENARIO_DIR=/opt/harness    # readable by apt's sandbox user, owned by no package
@@ -217,6 +217,15 @@ package_scenario() {
   check "varloctl kill $victim ends it" box_ctl --password "$SCENARIO_PW" 127.0.0.1 kill "$victim"
   wait_until "varlo-victim.service has stopped" 10 \
     in_box sh -c '! systemctl -q is-active varlo-victim.service' || exit 1
+
+  # --- setting the clock is a system call the service's filter lets through:
+  # the box (sharing the host's clock) refuses it, the agent lives on
+  main_pid=$(box_main_pid varlo)
+  check_exit "varloctl clock is refused by the box" 1 \
+    box_ctl --password "$SCENARIO_PW" 127.0.0.1 clock
+  check "the agent says root privileges are needed" \
+    grep -qF "Root priviledges are needed to set the time" <<<"$BOX_OUT"
+  check_eq "the agent's process is the same ($main_pid)" "$main_pid" box_main_pid varlo
 
   # --- the agent reboots its host from inside the service's sandbox, and the
   # service comes back by itself at boot
