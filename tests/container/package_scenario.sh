@@ -218,14 +218,21 @@ package_scenario() {
   wait_until "varlo-victim.service has stopped" 10 \
     in_box sh -c '! systemctl -q is-active varlo-victim.service' || exit 1
 
-  # --- setting the clock is a system call the service's filter lets through:
-  # the box (sharing the host's clock) refuses it, the agent lives on
-  main_pid=$(box_main_pid varlo)
+  # --- Sync Clock: the service's system-call filter lets settimeofday
+  # through. With a drop-in a filtered call fails with EUCLEAN, so only the
+  # box's own refusal (it never holds CAP_SYS_TIME) gives the agent's answer
+  # for EPERM.
+  local dropin=/run/systemd/system/varlo.service.d
+  check "a drop-in makes a filtered call fail with EUCLEAN" \
+    in_box sh -c "mkdir -p $dropin && printf '[Service]\nSystemCallErrorNumber=EUCLEAN\n' >$dropin/filter-errno.conf && systemctl daemon-reload && systemctl restart varlo"
+  wait_until "varlo answers with the drop-in" 30 box_ctl discover 127.0.0.1 || exit 1
   check_exit "varloctl clock is refused by the box" 1 \
     box_ctl --password "$SCENARIO_PW" 127.0.0.1 clock
-  check "the agent says root privileges are needed" \
+  check "the agent's answer is the one for EPERM, not the filter's EUCLEAN" \
     grep -qF "Root priviledges are needed to set the time" <<<"$BOX_OUT"
-  check_eq "the agent's process is the same ($main_pid)" "$main_pid" box_main_pid varlo
+  check "the drop-in goes" \
+    in_box sh -c "rm -r $dropin && systemctl daemon-reload && systemctl restart varlo"
+  wait_until "varlo answers without the drop-in" 30 box_ctl discover 127.0.0.1 || exit 1
 
   # --- the agent reboots its host from inside the service's sandbox, and the
   # service comes back by itself at boot
