@@ -5,6 +5,8 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -21,6 +23,7 @@
 
 #include "base/unique_fd.h"
 #include "varloctl/app.h"
+#include "varloctl/interrupt.h"
 
 namespace varloctl_test {
 
@@ -165,5 +168,36 @@ inline Result play(Script script, Words words, const std::string& timeout = "2",
   agent.join();
   return {r.status, r.out, r.err, agent.mismatch(), agent.extra()};
 }
+
+// A Ctrl-C 300 ms from now: SIGINT to this thread, caught as varloctl's
+// handler catches it (breaking a poll with EINTR), or only the flag raised.
+class CtrlCLater {
+ public:
+  explicit CtrlCLater(bool bySignal = true) {
+    struct sigaction sa {};
+    sa.sa_handler = [](int) { varloctl::Interrupt::raise(); };
+    installed_ = sigaction(SIGINT, &sa, &old_) == 0;
+    varloctl::Interrupt::clear();
+    const pthread_t self = pthread_self();
+    bySignal = bySignal && installed_;  // an uncaught SIGINT would end the tests
+    thread_ = std::thread([self, bySignal] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      bySignal ? void(pthread_kill(self, SIGINT)) : varloctl::Interrupt::raise();
+    });
+  }
+  ~CtrlCLater() {
+    thread_.join();
+    if (installed_) sigaction(SIGINT, &old_, nullptr);
+    varloctl::Interrupt::clear();
+  }
+  CtrlCLater(const CtrlCLater&) = delete;
+  CtrlCLater& operator=(const CtrlCLater&) = delete;
+  bool installed() const { return installed_; }
+
+ private:
+  struct sigaction old_ {};
+  bool installed_ = false;
+  std::thread thread_;
+};
 
 }  // namespace varloctl_test

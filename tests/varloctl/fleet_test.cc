@@ -4,7 +4,6 @@
 // with no descriptor left behind.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,11 +12,9 @@
 #include <future>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "test_support.h"
-#include "varloctl/interrupt.h"
 #include "varloctl_fake_agent.h"
 #include "varloctl_fleet_agent.h"
 
@@ -250,24 +247,16 @@ TEST(VarloctlFleet, ShutdownAndRebootAskOnceForTheFleet) {
 TEST(VarloctlFleet, CtrlCStopsEverySessionAndExits130) {
   FleetOfAgents fleet(std::vector<Behaviour>(6, kSilent));
   ASSERT_TRUE(fleet.ready());
-  struct sigaction sa {
-  }, old{};
-  sa.sa_handler = [](int) { varloctl::Interrupt::raise(); };
-  ASSERT_EQ(sigaction(SIGINT, &sa, &old), 0);
-  varloctl::Interrupt::clear();
-  const pthread_t self = pthread_self();
-  std::thread ctrlC([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    pthread_kill(self, SIGINT);
-  });
   const long before = openDescriptors();
   const auto start = Clock::now();
-  // Two at a time, each would wait 10 s for an answer.
-  const Result r = ctl({"--parallel", "2", "--port", std::to_string(fleet.port()), "--timeout",
-                        "10", "127.0.0.0/29", "config"});
-  ctrlC.join();
-  sigaction(SIGINT, &old, nullptr);
-  varloctl::Interrupt::clear();
+  Result r;
+  {
+    const CtrlCLater ctrlC;
+    ASSERT_TRUE(ctrlC.installed());
+    // Two at a time, each would wait 10 s for an answer.
+    r = ctl({"--parallel", "2", "--port", std::to_string(fleet.port()), "--timeout", "10",
+             "127.0.0.0/29", "config"});
+  }
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(r.status, 130);
   EXPECT_EQ(r.out, "");

@@ -1,13 +1,9 @@
 // varloctl's software commands against a scripted agent: framing, progress, Ctrl-C, failures.
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 
 #include <chrono>
-#include <thread>
 
 #include "test_support.h"
-#include "varloctl/interrupt.h"
 #include "varloctl_fake_agent.h"
 
 using namespace varloctl_test;
@@ -126,22 +122,15 @@ TEST(VarloctlSoftwareDialogue, ACutOffAgentAndAWrongPasswordEndWithTheirExitStat
 TEST(VarloctlInterrupt, CtrlCClosesTheConnectionAndExits130) {
   // A real SIGINT breaks poll() with EINTR; the flag alone is one just before poll().
   for (const bool bySignal : {true, false}) {
-    struct sigaction sa {}, old{};
-    sa.sa_handler = [](int) { varloctl::Interrupt::raise(); };
-    ASSERT_EQ(sigaction(SIGINT, &sa, &old), 0);
-    varloctl::Interrupt::clear();
-    const pthread_t self = pthread_self();
-    std::thread ctrlC([&] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      bySignal ? void(pthread_kill(self, SIGINT)) : varloctl::Interrupt::raise();
-    });
     const auto start = std::chrono::steady_clock::now();
-    // The agent reads until the tool hangs up: only a closed connection ends in time.
-    const Result r = play({A::expect(header(23, kEmpty) + request(0)),
-                           A::send(extHeader(23, 0, 0, 20))}, {"census"}, "10", true);
-    ctrlC.join();
-    sigaction(SIGINT, &old, nullptr);
-    varloctl::Interrupt::clear();
+    Result r;
+    {
+      const CtrlCLater ctrlC(bySignal);
+      ASSERT_TRUE(ctrlC.installed());
+      // The agent reads until the tool hangs up: only a closed connection ends in time.
+      r = play({A::expect(header(23, kEmpty) + request(0)), A::send(extHeader(23, 0, 0, 20))},
+               {"census"}, "10", true);
+    }
     EXPECT_EQ(r.status, 130) << bySignal;
     // The progress line is gone before the message.
     EXPECT_EQ(r.err, "\rscanned 20 files\r" + std::string(16, ' ') + "\rvarloctl: interrupted\n");
