@@ -1,7 +1,8 @@
 # The agent's Debian package in a booted box: install, inventory, password
 # across a restart, a refused truncated update, the agent's self-update to
-# the newer package, another user's process ended, a clock the box
-# refuses, a reboot asked of the agent, a failing update, remove and purge.
+# the newer package, another user's process ended, an application launched
+# and a message shown as the console user, a clock the box refuses, a reboot
+# asked of the agent, a failing update, remove and purge.
 # Sourced by run.sh after lib.sh; package_scenario DEB NEWER_DEB VARLOCTL,
 # VARLOCTL being the varloctl taken out of DEB on this host.
 
@@ -217,6 +218,35 @@ package_scenario() {
   check "varloctl kill $victim ends it" box_ctl --password "$SCENARIO_PW" 127.0.0.1 kill "$victim"
   wait_until "varlo-victim.service has stopped" 10 \
     in_box sh -c '! systemctl -q is-active varlo-victim.service' || exit 1
+
+  # --- Launch App and Send Message as the user at the console. The box has
+  # no screen: the user's session on seat0 is written into logind's seat
+  # file, and stand-ins for xdg-open and notify-send say who ran them, with
+  # what, in which control group.
+  local stand_in='#!/bin/sh
+{ echo "uid=$(id -u) gid=$(id -g)"; for a; do echo "arg=$a"; done; cat /proc/self/cgroup; } >"/tmp/$(basename "$0").out"'
+  check "a user alice with stand-ins for xdg-open and notify-send" in_box sh -c "
+    useradd -m alice && rm -f /tmp/xdg-open.out /tmp/notify-send.out &&
+    for p in xdg-open notify-send; do printf '%s\n' '$stand_in' >/usr/local/bin/\$p; chmod 0755 /usr/local/bin/\$p; done &&
+    printf '3 /usr/share/doc/dpkg/copyright\n' >/tmp/applist &&
+    cp /run/systemd/seats/seat0 /run/seat0.saved &&
+    printf 'ACTIVE=c1\nACTIVE_UID=%s\n' \$(id -u alice) >>/run/systemd/seats/seat0"
+  local alice
+  alice="uid=$(in_box id -u alice) gid=$(in_box id -g alice)"
+  check "varloctl launch 3" box_ctl --password "$SCENARIO_PW" 127.0.0.1 launch 3
+  wait_until "xdg-open has run" 10 in_box test -s /tmp/xdg-open.out || exit 1
+  check_eq "xdg-open ran as alice on the listed file" \
+    "$alice arg=/usr/share/doc/dpkg/copyright" \
+    in_box sh -c 'grep -E "^(uid|arg)=" /tmp/xdg-open.out | tr "\n" " " | sed "s/ $//"'
+  check "xdg-open ran in a unit of its own, outside the service" \
+    in_box sh -c 'grep -q ":/system.slice/varlo-launch-[0-9-]*\.service$" /tmp/xdg-open.out &&
+                   ! grep -q varlo.service /tmp/xdg-open.out'
+  check "varloctl message hello" box_ctl --password "$SCENARIO_PW" 127.0.0.1 message hello
+  wait_until "notify-send has run" 10 in_box test -s /tmp/notify-send.out || exit 1
+  check "notify-send ran as alice with the text" \
+    in_box sh -c "head -n 1 /tmp/notify-send.out | grep -qx '$alice' && grep -qx arg=hello /tmp/notify-send.out"
+  check "the seat is given back to logind" \
+    in_box sh -c 'cat /run/seat0.saved >/run/systemd/seats/seat0 && rm /run/seat0.saved'
 
   # --- Sync Clock: the service's system-call filter lets settimeofday
   # through. With a drop-in a filtered call fails with EUCLEAN, so only the
