@@ -1,8 +1,9 @@
 # The agent's Debian package in a booted box: install, inventory, password
 # across a restart, a refused truncated update, the agent's self-update to
-# the newer package, another user's process ended, an application launched
-# and a message shown as the console user, a clock the box refuses, a reboot
-# asked of the agent, a failing update, remove and purge.
+# the newer package, another user's process ended, a folder received, an
+# application launched and a message shown as the console user, a clock
+# the box refuses, a reboot asked of the agent, a failing update, remove and
+# purge.
 # Sourced by run.sh after lib.sh; package_scenario DEB NEWER_DEB VARLOCTL,
 # VARLOCTL being the varloctl taken out of DEB on this host.
 
@@ -218,6 +219,13 @@ package_scenario() {
   check "varloctl kill $victim ends it" box_ctl --password "$SCENARIO_PW" 127.0.0.1 kill "$victim"
   wait_until "varlo-victim.service has stopped" 10 \
     in_box sh -c '! systemctl -q is-active varlo-victim.service' || exit 1
+
+  # --- Send Folder writes where the folder map points: "/" for XXXX
+  check "a small tree to send" in_box sh -c \
+    'mkdir -p /opt/harness/gift/sub && echo one >/opt/harness/gift/a && echo two >/opt/harness/gift/sub/b'
+  check "varloctl send the tree to /" box_ctl --password "$SCENARIO_PW" 127.0.0.1 send /opt/harness/gift
+  check_eq "the tree arrived whole as /gift" "one two" \
+    in_box sh -c 'cat /gift/a /gift/sub/b | tr "\n" " " | sed "s/ $//"'
 
   # --- Launch App and Send Message as the user at the console. The box has
   # no screen: the user's session on seat0 is written into logind's seat
