@@ -239,8 +239,6 @@ box_cgroup_pids() {
 }
 
 # --- booting ----------------------------------------------------------------
-# The box never holds CAP_SYS_TIME: its clock is the host's, which no test
-# may set.
 
 # Alive and not yet a zombie waiting for this shell to reap it.
 box_alive() {
@@ -273,7 +271,8 @@ boot() {
 }
 
 # Starts systemd-nspawn on the extracted root, whether fresh or left by an
-# earlier boot, and waits until the box's systemd runs.
+# earlier boot, and waits until the box's systemd runs. The box never holds
+# CAP_SYS_TIME: its clock is the host's, which no test may set.
 box_start() {
   # setsid: a Ctrl-C at the terminal reaches this script, whose trap powers
   # the box off in order, not systemd-nspawn directly.
