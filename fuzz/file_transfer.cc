@@ -26,10 +26,6 @@ namespace {
 
 constexpr std::size_t kMaxInput = 64 * 1024;
 
-bool validName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
 void checkSidecar(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

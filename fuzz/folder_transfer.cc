@@ -23,10 +23,6 @@ namespace {
 
 constexpr std::size_t kMaxInput = 64 * 1024;
 
-bool validName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -233,6 +233,11 @@ inline std::string nameOf(const Bytes& request) {
   return name.substr(0, name.find('\0'));
 }
 
+// A name the agent must accept: one path component, neither "." nor "..".
+inline bool validName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
 inline std::uint32_t codeOf(const Bytes& request) {
   if (request.size() < varlo::varlo_manage::kSize) return 0;
   return varlo::getU32(request.data() + 36);

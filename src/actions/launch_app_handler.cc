@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <sstream>
 
 #include "base/unique_fd.h"
@@ -72,14 +71,10 @@ std::optional<UserProcess> launchProcess(std::string path, const std::string& us
   child->logPath = settings.childLog;
   child->logLines = {"Launching application \"xdg-open\" with arg: " + path};
   child->launchFailure = "Unable to launch application " + path;
-  struct stat st {};
-  if (::stat(settings.systemdMarker.c_str(), &st) != 0) return child;
-  const std::string systemdRun = UserProcess::findProgram("systemd-run", settings.searchPath);
+  const std::string systemdRun =
+      UserProcess::transientUnitClient(settings.systemdMarker, settings.searchPath);
   if (systemdRun.empty() || child->program.empty()) return child;
-  static std::atomic<unsigned> launches{0};
-  const std::string unit =
-      "varlo-launch-" + std::to_string(::getpid()) + "-" + std::to_string(++launches);
-  return child->throughManager(systemdRun, unit);
+  return child->throughManager(systemdRun, UserProcess::transientUnitName("launch"));
 }
 
 pid_t launchApplication(std::string path, const std::string& user, uid_t uid, gid_t gid,

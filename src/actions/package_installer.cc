@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "actions/child_log.h"
@@ -55,15 +54,13 @@ std::vector<std::string> installerCommand(const std::string& packagePath,
   } else {
     return {};
   }
-  struct stat st {};
-  const std::string systemdRun = UserProcess::findProgram("systemd-run", settings.searchPath);
-  if (::stat(settings.systemdMarker.c_str(), &st) == 0 && !systemdRun.empty()) {
+  const std::string systemdRun =
+      UserProcess::transientUnitClient(settings.systemdMarker, settings.searchPath);
+  if (!systemdRun.empty()) {
     // Its own unit: outside the agent's service, whose restart it survives.
-    static std::atomic<unsigned> updates{0};
-    std::vector<std::string> unit = {
-        systemdRun,
-        "--unit=varlo-update-" + std::to_string(::getpid()) + "-" + std::to_string(++updates),
-        "--collect", "--quiet", "--no-block"};
+    std::vector<std::string> unit = {systemdRun,
+                                     "--unit=" + UserProcess::transientUnitName("update"),
+                                     "--collect", "--quiet", "--no-block"};
     if (!outputLog.empty()) {
       unit.push_back("--property=StandardOutput=append:" + outputLog);
       unit.push_back("--property=StandardError=append:" + outputLog);

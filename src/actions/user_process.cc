@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -62,6 +63,18 @@ std::string UserProcess::findProgram(const std::string& name, const std::string&
       return candidate;
   }
   return {};
+}
+
+std::string UserProcess::transientUnitClient(const std::string& systemdMarker,
+                                             const std::string& searchPath) {
+  struct stat st {};
+  if (::stat(systemdMarker.c_str(), &st) != 0) return {};
+  return findProgram("systemd-run", searchPath);
+}
+
+std::string UserProcess::transientUnitName(const std::string& kind) {
+  static std::atomic<unsigned> units{0};
+  return "varlo-" + kind + "-" + std::to_string(::getpid()) + "-" + std::to_string(++units);
 }
 
 UserProcess UserProcess::throughManager(const std::string& systemdRun, const std::string& unit) const {

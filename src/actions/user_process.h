@@ -34,6 +34,15 @@ struct UserProcess {
   // The program's path found on PATH; empty when it is nowhere.
   static std::string findProgram(const std::string& name, const std::string& path);
 
+  // systemd-run's path where systemd runs (systemdMarker exists) and
+  // systemd-run is on the search path; empty otherwise.
+  static std::string transientUnitClient(const std::string& systemdMarker,
+                                         const std::string& searchPath);
+
+  // "varlo-KIND-PID-N": a transient unit's name, unique within this agent's
+  // run and apart from any other agent's.
+  static std::string transientUnitName(const std::string& kind);
+
   // This program started by the service manager as a transient unit of its
   // own (systemd-run as root, the user's ids and environment as the unit's):
   // outside the agent's service, so neither the service's sandbox nor its
